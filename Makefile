@@ -1,0 +1,59 @@
+# make test   installs what is missing, builds with warnings as errors, and runs every test twice:
+#             once in a plain build and once under AddressSanitizer and UndefinedBehaviorSanitizer.
+BUILD      ?= build
+SAN_BUILD  ?= build-san
+JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
+CMAKE_ARGS ?=
+
+# command -> Debian package that provides it
+TOOLS    = cmake:cmake ninja:ninja-build g++:g++ gcc:gcc clang-format:clang-format nm:binutils
+PACKAGES = libgtest-dev libgmock-dev
+
+SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
+
+.PHONY: all deps build san-build test check-format format clean
+
+all: build
+
+deps:
+	@missing=""; \
+	for pair in $(TOOLS); do \
+	  command -v $${pair%%:*} >/dev/null 2>&1 || missing="$$missing $${pair#*:}"; \
+	done; \
+	for pkg in $(PACKAGES); do \
+	  dpkg -s $$pkg >/dev/null 2>&1 || missing="$$missing $$pkg"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:$$missing"; \
+	  $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq $$missing; \
+	fi
+
+$(BUILD)/build.ninja: | deps
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS)
+
+$(SAN_BUILD)/build.ninja: | deps
+	cmake -S . -B $(SAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTVX_SANITIZE=ON $(CMAKE_ARGS)
+
+build: $(BUILD)/build.ninja
+	cmake --build $(BUILD) -j $(JOBS)
+
+san-build: $(SAN_BUILD)/build.ninja
+	cmake --build $(SAN_BUILD) -j $(JOBS)
+
+test: deps check-format build san-build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+	cd $(SAN_BUILD) && \
+	  ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
+	  ctest --output-on-failure -j $(JOBS)
+
+FORMAT_FILES = $(shell git ls-files '*.h' '*.c' '*.cpp' 2>/dev/null)
+
+check-format: | deps
+	@clang-format --dry-run --Werror $(FORMAT_FILES) && echo "clang-format: clean"
+
+format:
+	clang-format -i $(FORMAT_FILES)
+
+clean:
+	rm -rf $(BUILD) $(SAN_BUILD)

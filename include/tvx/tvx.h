@@ -1,0 +1,10 @@
+/* The whole tvx interface. */
+#ifndef TVX_TVX_H
+#define TVX_TVX_H
+
+#include "tvx/error.h"
+#include "tvx/memory.h"
+#include "tvx/report.h"
+#include "tvx/types.h"
+
+#endif

@@ -1,0 +1,29 @@
+// One line for each common shape of error handling: set a terminal error with a formatted text,
+// add causes, qualify on the way out, and end the process on misuse of the foundation.
+#pragma once
+
+#include <initializer_list>
+
+#include "tvx/error.h"
+
+namespace tvx {
+
+// The library's one error stack.
+err_stack errors();
+
+// Sets a terminal error whose text is formatted, then appends the causes. Returns false, so that
+// a failing operation can end with `return fail(...)`.
+bool fail(INT32 category, INT32 code, const char *routine, std::initializer_list<INT32> causes,
+          const char *format, ...) __attribute__((format(printf, 5, 6)));
+
+// Qualifies the error on the way out with a formatted text. Returns false.
+bool qualify(const char *routine, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+// True when the top record of the stack holds an error.
+bool error_pending();
+
+// Misuse of the foundation: "Require assertion failed at line %d in file %s\n" shown through the
+// fatal exit.
+[[noreturn]] void require_failed(int line, const char *file);
+
+}  // namespace tvx

@@ -1,0 +1,83 @@
+// What the host provides to the rest of the library: memory blocks, the clock, the log file, the
+// fatal exit and the library's own identity. Nothing outside src/platform knows it runs on Linux.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "tvx/types.h"
+
+namespace tvx::platform {
+
+// ---- Memory blocks -------------------------------------------------------------------------
+// Every block is reached through a 32-bit token: a slot of the library's own table and the
+// slot's generation. A token whose block was freed, or that was never handed out, is refused by
+// every call below; none of them dereferences anything on its behalf.
+
+// Zero-filled block of `size` bytes; a movable block may change address while unlocked.
+// Returns 0 when memory is exhausted (or a failure was injected).
+DWORD block_alloc(size_t size, bool movable);
+// Address of the block, counting one lock; nullptr for a token that names no live block.
+void *block_lock(DWORD token);
+// Releases one lock; false when the block was not locked or the token is not live.
+bool block_unlock(DWORD token);
+// Frees a live block; false for a token that names no live block.
+bool block_free(DWORD token);
+// Size of a live block; 0 for any other token.
+size_t block_size(DWORD token);
+// Token of the live block that starts at `address`; 0 when no live block starts there.
+DWORD block_handle_of(const void *address);
+// True when the token names a block that has been freed (and its slot not yet reused).
+bool block_was_freed(DWORD token);
+// Token of the freed block that started at `address`, while the table still remembers it.
+DWORD block_freed_handle_of(const void *address);
+// Largest block the heap could give after compaction. The host heap cannot be compacted, so
+// after a failed allocation this reports that nothing larger is to be had.
+size_t block_compact(size_t wanted);
+// Live blocks of every kind.
+size_t block_count();
+
+void block_fail_nth(long nth, bool persistent);
+long block_injected_failures();
+void block_moving(bool on);
+
+inline HANDLE to_handle(DWORD token) {
+  return reinterpret_cast<HANDLE>(uintptr_t{token});
+}
+// A HANDLE wider than 32 bits cannot be one of ours; it maps to the token 0, which names nothing.
+inline DWORD to_token(HANDLE handle) {
+  auto value = reinterpret_cast<uintptr_t>(handle);
+  return value > UINT32_MAX ? 0 : static_cast<DWORD>(value);
+}
+
+// ---- Clock ---------------------------------------------------------------------------------
+DWORD clock_centiseconds();
+void clock_virtual(DWORD start);
+void clock_real();
+bool clock_is_virtual();
+void clock_set(DWORD centiseconds);
+void clock_advance(DWORD centiseconds);
+void clock_step(DWORD per_read);
+
+// ---- Log file ------------------------------------------------------------------------------
+// Creates (or empties) `name` in the current directory and stores its full path in `path`.
+bool log_create(const char *name, char *path, size_t room);
+// Opens the file at `path` for writing at its start, writes `length` bytes of `text`, then
+// "\r\n" when asked, and closes it.
+bool log_write(const char *path, const char *text, size_t length, bool crlf);
+
+// ---- Fatal exit ----------------------------------------------------------------------------
+// Shows the message on stderr and in the log, then ends the process abnormally.
+[[noreturn]] void fatal_exit(const char *message);
+
+// ---- Identity ------------------------------------------------------------------------------
+HANDLE module_handle();
+// Full path of the shared object (or program) that holds the library.
+const char *module_path();
+struct Version {
+  int major, minor, patch, build;
+};
+Version file_version();
+Version product_version();
+
+}  // namespace tvx::platform
