@@ -3,6 +3,7 @@
 #define TVX_TVX_H
 
 #include "tvx/error.h"
+#include "tvx/list.h"
 #include "tvx/memory.h"
 #include "tvx/report.h"
 #include "tvx/types.h"
