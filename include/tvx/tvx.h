@@ -7,5 +7,6 @@
 #include "tvx/memory.h"
 #include "tvx/report.h"
 #include "tvx/types.h"
+#include "tvx/values.h"
 
 #endif

@@ -10,6 +10,7 @@
 #include "foundation/fail.h"
 #include "platform/platform.h"
 #include "tvx/report.h"
+#include "tvx/values.h"
 
 namespace {
 
@@ -135,6 +136,13 @@ void *standard_allocate(INT32 numelements, INT32 elementsize, INT32 memclass) {
   DWORD token = platform_alloc(size, false);
   if (token == 0) {
     tvx::fail(ERR_OS, errno, kOp, {0x1001, 0x1002}, "unable to continue");
+    // Composed and let go unshown: the error above already tells the caller.
+    char *note = tbuffer_new();
+    std::snprintf(note, tbuffer_size(),
+                  "Out of memory\n\t\trequest for %lu bytes (numelements %ld, elementsize %ld)",
+                  static_cast<unsigned long>(size - TVX_BLOCK_OVERHEAD), long{numelements},
+                  long{elementsize});
+    tbuffer_delete(note);
     trace("%s: total memory already allocated %ld k\n", kOp, long{block_total / 1024});
     return nullptr;
   }

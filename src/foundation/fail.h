@@ -26,4 +26,8 @@ bool error_pending();
 // fatal exit.
 [[noreturn]] void require_failed(int line, const char *file);
 
+// A broken invariant of the library's own state: "Check assertion failed at line %d in file %s\n"
+// shown through the fatal exit.
+[[noreturn]] void check_failed(int line, const char *file);
+
 }  // namespace tvx
