@@ -46,8 +46,7 @@ bool refused(const char *op) {
 }
 
 bool unsupported(const char *op) {
-  err_terminal(tvx::errors(), ERR_PROGRAMMER, 0, op, "type not supported\n");
-  return false;
+  return tvx::fail(ERR_PROGRAMMER, 0, op, {}, "type not supported\n");
 }
 
 // The caller's value as a record, its string copied. Nothing is kept when this fails.

@@ -92,40 +92,24 @@ TEST_F(Gdt, UnsupportedTypeIsRefusedAndLeavesNothingBehind) {
   EXPECT_FALSE(gdt_set(g, GDT_SVAL, "lost"));
   err_reset_all(stack());
   EXPECT_STREQ(gdt_getSval(g), "kept");
-  EXPECT_EQ(tvx::value_changes(), changes + 1) << "only the successful gdt_new counts";
+  INT32 seven = 7;
+  ASSERT_TRUE(gdt_set(g, GDT_IVAL, &seven));
+  EXPECT_EQ(tvx::value_changes(), changes + 2) << "only a successful new or set counts";
   gdt_delete(g);
-}
-
-TEST_F(Gdt, ChangesAreCountedForNewAndSetOnly) {
-  INT32 v = 1;
-  long before = tvx::value_changes();
-  HANDLE a = gdt_new(GDT_IVAL, &v);
-  gdt_set(a, GDT_IVAL, &v);
-  HANDLE b = gdt_new(GDT_SVAL, "x");
-  EXPECT_EQ(tvx::value_changes(), before + 3);
-  EXPECT_TRUE(gdt_valid(a));
-  EXPECT_FALSE(gdt_equal(a, b));
-  EXPECT_EQ(tvx::value_changes(), before + 3) << "reading changes nothing";
-  gdt_delete(a);
-  gdt_delete(b);
 }
 
 TEST_F(Gdt, EqualComparesTypeThenValue) {
   INT32 one = 1;
   double d = 1.0;
-  BYTE t = 1;
-  HANDLE i1 = gdt_new(GDT_IVAL, &one), i2 = gdt_new(GDT_IVAL, &one);
-  HANDLE f = gdt_new(GDT_FVAL, &d), b = gdt_new(GDT_BVAL, &t);
+  HANDLE i1 = gdt_new(GDT_IVAL, &one), i2 = gdt_new(GDT_IVAL, &one), f = gdt_new(GDT_FVAL, &d);
   HANDLE s1 = gdt_new(GDT_SVAL, "a"), s2 = gdt_new(GDT_SVAL, "b");
   EXPECT_TRUE(gdt_equal(i1, i2));
   EXPECT_FALSE(gdt_equal(i1, f)) << "1 and 1.0 are of different types";
-  EXPECT_FALSE(gdt_equal(i1, b));
   EXPECT_FALSE(gdt_equal(s1, s2));
   ASSERT_TRUE(gdt_assign(s2, s1));
   EXPECT_TRUE(gdt_equal(s1, s2));
   EXPECT_NE(gdt_getSval(s1), gdt_getSval(s2)) << "assignment copies the text";
-  EXPECT_FALSE(tvx::error_pending());
-  for (HANDLE g : {i1, i2, f, b, s1, s2}) gdt_delete(g);
+  for (HANDLE g : {i1, i2, f, s1, s2}) gdt_delete(g);
 }
 
 // ---- Parameters ----------------------------------------------------------------------------
@@ -150,8 +134,11 @@ using ParamsDeath = Params;
 
 TEST_F(Params, PairsAreFoundTogetherOrNotAtAll) {
   add(SYSPARAM_XBIN, 2);
-  add(SYSPARAM_YBIN, 4);
   INT32 x = -1, y = -1;
+  EXPECT_FALSE(sysparams_ccdbinning(params_, &x, &y));
+  EXPECT_EQ(terminal(), "sysparams_ccdbinning: failed to find xbin & ybin parameters.");
+  err_reset_all(stack());
+  add(SYSPARAM_YBIN, 4);
   ASSERT_TRUE(sysparams_ccdbinning(params_, &x, &y));
   EXPECT_EQ(x, 2);
   EXPECT_EQ(y, 4);
@@ -167,13 +154,6 @@ TEST_F(Params, PairsAreFoundTogetherOrNotAtAll) {
 
   EXPECT_FALSE(sysparams_pixel_lowhigh(params_, &x, &y));
   EXPECT_EQ(terminal(), "sysparams_pixel_lowhigh: failed to find both pixel low & high parameters");
-}
-
-TEST_F(Params, OnlyXbinIsNotEnough) {
-  add(SYSPARAM_XBIN, 2);
-  INT32 x = -1, y = -1;
-  EXPECT_FALSE(sysparams_ccdbinning(params_, &x, &y));
-  EXPECT_EQ(terminal(), "sysparams_ccdbinning: failed to find xbin & ybin parameters.");
 }
 
 TEST_F(Params, OldestAppendedWinsExceptForTheShutterFlag) {
@@ -344,7 +324,6 @@ INSTANTIATE_TEST_SUITE_P(
                                2},
                       SpecCase{"/usr/x.tar.gz", "/usr/", "x.tar.gz", "x.tar", ".gz", 2},
                       SpecCase{"dir.d\\name", "dir.d\\", "name", "name", "", 1},
-                      SpecCase{"dir.d/name", "dir.d/", "name", "name", "", 1},
                       SpecCase{"plain", "", "plain", "plain", "", 0},
                       SpecCase{"cam\\", "cam\\", "cam\\", "cam\\", "", 1},
                       SpecCase{"a/.profile", "a/", ".profile", ".profile", ".profile", 1},
@@ -361,8 +340,6 @@ TEST(FileSpecSummary, LongNamesKeepTheirEnds) {
 TEST(FileSpecSummary, PathIsCutToItsBuffer) {
   std::string longest = std::string(300, 'x') + "/name";
   EXPECT_STREQ(filespec_path(longest.c_str()), "") << "the separator lies past the cut";
-  std::string deep = std::string(200, 'y') + "/z/name";
-  EXPECT_EQ(std::string(filespec_path(deep.c_str())), std::string(200, 'y') + "/z/");
 }
 
 // ---- Text buffers ------------------------------------------------------------------------------
