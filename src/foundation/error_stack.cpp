@@ -429,15 +429,40 @@ bool error_pending() {
   return top->category != ERR_NONE;
 }
 
-bool fail(INT32 category, INT32 code, const char *routine, std::initializer_list<INT32> causes,
-          const char *format, ...) {
+namespace {
+
+bool vfail(INT32 category, INT32 code, const char *routine, std::initializer_list<INT32> causes,
+           const char *format, va_list args) {
   char message[1024];
-  va_list args;
-  va_start(args, format);
   std::vsnprintf(message, sizeof message, format, args);
-  va_end(args);
   err_terminal(&top, category, code, routine, message);
   for (INT32 cause : causes) err_append_cause(&top, cause);
+  return false;
+}
+
+}  // namespace
+
+bool fail(INT32 category, INT32 code, const char *routine, std::initializer_list<INT32> causes,
+          const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  vfail(category, code, routine, causes, format, args);
+  va_end(args);
+  return false;
+}
+
+bool fail_stacked(INT32 category, INT32 code, const char *routine,
+                  std::initializer_list<INT32> causes, const char *format, ...) {
+  if (error_pending()) err_push(&top);
+  va_list args;
+  va_start(args, format);
+  vfail(category, code, routine, causes, format, args);
+  va_end(args);
+  return false;
+}
+
+bool qualify(const char *routine) {
+  err_qualify(&top, routine, "");
   return false;
 }
 

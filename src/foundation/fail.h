@@ -16,8 +16,17 @@ err_stack errors();
 bool fail(INT32 category, INT32 code, const char *routine, std::initializer_list<INT32> causes,
           const char *format, ...) __attribute__((format(printf, 5, 6)));
 
+// As fail, for a fault met while an earlier one is still pending: the new error then goes on a
+// record of its own above the earlier one, so that both stay in the story.
+bool fail_stacked(INT32 category, INT32 code, const char *routine,
+                  std::initializer_list<INT32> causes, const char *format, ...)
+    __attribute__((format(printf, 5, 6)));
+
 // Qualifies the error on the way out with a formatted text. Returns false.
 bool qualify(const char *routine, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+// Qualifies the error on the way out with the routine's name alone. Returns false.
+bool qualify(const char *routine);
 
 // True when the top record of the stack holds an error.
 bool error_pending();
