@@ -37,6 +37,26 @@ TVX_API void tvx_test_memory_trace(BOOL on);
 /* Live platform blocks, of every kind (handle and standard blocks, error records, tvx_allocate). */
 TVX_API INT32 tvx_test_platform_blocks(void);
 
+/* Makes every port no device claims read as a floating bus (0xFFFF) and drop writes, even where
+ * the system would grant real port I/O: a test never touches the machine's own ports. */
+TVX_API void tvx_test_ports_floating(BOOL on);
+
+/* The simulated AT-Link card and the controller behind it. Settings apply to cards already on
+ * the bus as well as to new ones; tvx_test_simulator_reset powers every simulated card down and
+ * restores the defaults below. */
+enum {
+  TVX_SIM_CARD_ABSENT = 0,      /* BOOL: no card in the slot; the ports float (FALSE) */
+  TVX_SIM_POWER_OFF = 1,        /* BOOL: the camera is switched off; the link never answers */
+  TVX_SIM_LOCAL_ERROR = 2,      /* BOOL: the card's transputer shows its error flag */
+  TVX_SIM_DISTANT_ERROR = 3,    /* BOOL: the controller's transputer shows its error flag */
+  TVX_SIM_CONTROLLER_SPEED = 4, /* link speed of the controller's end in Mbit/s (5) */
+  TVX_SIM_DROP_AFTER = 5        /* words that cross the link before all later ones are lost;
+                                   0 = none is lost (0) */
+};
+/* Fails for an unknown setting or a value it cannot take. */
+TVX_API BOOL tvx_test_simulator_set(INT32 setting, INT32 value);
+TVX_API void tvx_test_simulator_reset(void);
+
 TVX_END_DECLS
 
 #endif

@@ -2,10 +2,12 @@
 #ifndef TVX_TVX_H
 #define TVX_TVX_H
 
+#include "tvx/atlink.h"
 #include "tvx/config.h"
 #include "tvx/error.h"
 #include "tvx/list.h"
 #include "tvx/memory.h"
+#include "tvx/ports.h"
 #include "tvx/report.h"
 #include "tvx/sections.h"
 #include "tvx/types.h"

@@ -1,0 +1,31 @@
+// The program the controller's transputer runs once its boot stream has been taken. The card and
+// the boot loader know nothing of what it does: they hand it each item that crosses the link
+// towards the controller and ask it for items to send back while the link has room.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "tvx/types.h"
+
+namespace tvx::sim {
+
+class ControllerProgram {
+ public:
+  virtual ~ControllerProgram() = default;
+  // One item from the host has crossed the link.
+  virtual void receive(WORD item) = 0;
+  // Gives the next item for the host, or false when there is nothing to send now.
+  virtual bool next_output(WORD &item) = 0;
+};
+
+// Makes the program a boot image names (the boot stream's name is "install").
+using ControllerFactory = std::function<std::unique_ptr<ControllerProgram>(const std::string &)>;
+
+// Replaces the factory used by controllers booted from now on; an empty one restores the
+// default, which runs a program that takes every item and answers nothing.
+void set_controller_factory(ControllerFactory factory);
+std::unique_ptr<ControllerProgram> make_controller(const std::string &name);
+
+}  // namespace tvx::sim

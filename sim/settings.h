@@ -1,0 +1,26 @@
+// What the simulated card and controller are told to be: faults and link speed. Set by tests
+// through the exported test controls, and meant to be filled from a hardware file's SIMULATOR
+// section too.
+#pragma once
+
+#include <cstdint>
+
+namespace tvx::sim {
+
+struct Settings {
+  bool card_absent = false;    // no card in the slot: its ports float
+  bool power_off = false;      // the camera is switched off: the link never acknowledges
+  bool local_error = false;    // the card's transputer error flag stuck on
+  bool distant_error = false;  // the controller transputer's error flag stuck on
+  int controller_speed = 5;    // Mbit/s of the controller's end of the link after its reset
+  long drop_after = 0;         // items that cross the link before every later one is lost; 0 = none
+};
+
+const Settings &settings();
+// Applies new settings to every card, on the bus or not. A new controller speed or word limit
+// takes effect at once: the controller's end changes speed and the count of words starts again.
+void configure(const Settings &next);
+// Every card powered down and forgotten, and the settings back to their defaults.
+void reset_all();
+
+}  // namespace tvx::sim

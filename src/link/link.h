@@ -1,0 +1,23 @@
+// What the adapter's two source files share.
+#pragma once
+
+#include "tvx/types.h"
+
+namespace tvx::link {
+
+// Boots done by any adapter in this process; 0 means none (and a wrap past 255 reads as none).
+BYTE &boot_counter();
+
+}  // namespace tvx::link
+
+#include "foundation/fail.h"
+
+namespace tvx::link {
+
+// Adds the routine's line, with no text, to an error on its way out. Returns false.
+inline bool pass(const char *routine) {
+  err_qualify(tvx::errors(), routine, "");
+  return false;
+}
+
+}  // namespace tvx::link
