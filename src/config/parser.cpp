@@ -90,6 +90,7 @@ class Parser {
   HANDLE config_;
   Tokenizer tokens_;
   char *text_;
+  bool carried_error_ = false;
 };
 
 bool Parser::parse() {
@@ -98,11 +99,13 @@ bool Parser::parse() {
     switch (token.kind) {
       case cfg::kEnd:
         tokens_.finish();
-        // A DEFINE whose words met a tokenizing error lets the parse go on, but the error stays.
-        return !tvx::error_pending();
+        // A DEFINE whose words met a tokenizing error lets the parse go on, but the error stays
+        // and the parse cannot succeed.
+        return !carried_error_;
       case cfg::kDefine: {
         bool carry_on = false;
         if (!define_block(&carry_on) && !carry_on) return false;
+        carried_error_ = carried_error_ || carry_on;
         break;
       }
       case cfg::kSectionName:
