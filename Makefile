@@ -7,11 +7,11 @@ CMAKE_ARGS ?=
 
 # command -> Debian package that provides it
 TOOLS    = cmake:cmake ninja:ninja-build g++:g++ gcc:gcc clang-format:clang-format nm:binutils
-PACKAGES = libgtest-dev libgmock-dev
+PACKAGES = libgtest-dev libgmock-dev libbenchmark-dev
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps build san-build test check-format format clean
+.PHONY: all deps build san-build test bench check-format format clean
 
 all: build
 
@@ -46,6 +46,10 @@ test: deps check-format build san-build
 	cd $(SAN_BUILD) && \
 	  ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --output-on-failure -j $(JOBS)
+
+# bench       builds optimised and runs the Google Benchmark programs of bench/.
+bench: build
+	@for program in $(BUILD)/bench/*_bench; do $$program; done
 
 FORMAT_FILES = $(shell git ls-files '*.h' '*.c' '*.cpp' 2>/dev/null)
 
