@@ -17,8 +17,9 @@ struct Settings {
 };
 
 const Settings &settings();
-// Applies new settings to every card, on the bus or not. A new controller speed or word limit
-// takes effect at once: the controller's end changes speed and the count of words starts again.
+// Applies new settings to every card, on the bus or not, at once: the controller's end takes the
+// new speed, a camera switched back on comes up waiting for its boot, and the count of words
+// that have crossed the link starts again.
 void configure(const Settings &next);
 // Every card powered down and forgotten, and the settings back to their defaults.
 void reset_all();

@@ -98,6 +98,14 @@ TEST_F(Adapter, LinkSpeedBitsOnTheSimulatedCard) {
                              "20)."),
             std::string::npos);
   EXPECT_EQ(card->control() & 0x00E0, 0x00C0);
+  err_reset_all(stack());
+  // The resets leave both transputers running and the FIFOs out of reset.
+  EXPECT_TRUE(atlink_transputer_reset_low(link_));
+  EXPECT_EQ(card->local(), tvx::sim::Card::Local::reset);
+  EXPECT_TRUE(atlink_transputer_reset(link_));
+  EXPECT_EQ(card->control(), 0x81C1);
+  EXPECT_EQ(card->local(), tvx::sim::Card::Local::rom_loader);
+  EXPECT_EQ(card->distant().state(), tvx::sim::Distant::State::awaiting_boot);
 }
 
 TEST_F(Adapter, ControlChangesReadModifyWriteAndRefuseUnknownModes) {
@@ -261,19 +269,6 @@ TEST_F(Adapter, CheckStatusNamesTheFirstFault) {
   card.status = 0x00DB;
   EXPECT_TRUE(atlink_transputer_error(link_, &errors));
   EXPECT_EQ(errors, 0x0003);
-}
-
-TEST_F(Adapter, StatusIsPrintedOnlyWhenVerbose) {
-  ScriptedCard card(kBase);
-  ASSERT_NE(open("atlink"), nullptr);
-  report_set_destination(channel(REPORT_INFO), catch_report);
-  card.status = 0x00D9;
-  EXPECT_TRUE(atlink_print_status(link_, "quiet"));
-  EXPECT_EQ(caught(), "");
-  EXPECT_TRUE(atlink_set_verbose(link_, TRUE));
-  EXPECT_TRUE(atlink_verbose(link_));
-  EXPECT_TRUE(atlink_print_status(link_, "loud"));
-  EXPECT_EQ(caught(), "INFO: loud 00d9\n");
 }
 
 TEST_F(Adapter, StaleHandleIsRefusedWithTheOperationsName) {

@@ -304,7 +304,10 @@ TEST_F(Boot, VerboseBlocksReportTheirStatus) {
   report_set_destination(channel(REPORT_INFO), catch_report);
   link_ = atlink_new(100, "simulator", kBase);
   ASSERT_NE(link_, nullptr);
+  ASSERT_TRUE(atlink_atlinit(link_, atlinit_.c_str()));
+  EXPECT_EQ(caught(), "") << "quiet unless verbose";
   atlink_set_verbose(link_, TRUE);
+  EXPECT_TRUE(atlink_verbose(link_));
   ASSERT_TRUE(atlink_atlinit(link_, atlinit_.c_str()));
   EXPECT_NE(caught().find("INFO: block 1. status before reset "), std::string::npos) << caught();
   EXPECT_NE(caught().find("INFO: block 3. status after execute 00d8\n"), std::string::npos)
