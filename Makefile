@@ -2,6 +2,10 @@
 #             once in a plain build and once under AddressSanitizer and UndefinedBehaviorSanitizer.
 BUILD      ?= build
 SAN_BUILD  ?= build-san
+FUZZ_BUILD ?= build-fuzz
+# How long `make fuzz` runs each target; `make test` runs them briefly when clang is present.
+FUZZ_SECONDS ?= 60
+SMOKE_FUZZ_SECONDS ?= 15
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS ?=
 
@@ -11,7 +15,7 @@ PACKAGES = libgtest-dev libgmock-dev libbenchmark-dev
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps build san-build test bench check-format format clean
+.PHONY: all deps build san-build test bench check-format format clean fuzz fuzz-smoke
 
 all: build
 
@@ -46,6 +50,19 @@ test: deps check-format build san-build
 	cd $(SAN_BUILD) && \
 	  ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --output-on-failure -j $(JOBS)
+	@if command -v clang++ >/dev/null 2>&1; then \
+	  $(MAKE) --no-print-directory fuzz FUZZ_SECONDS=$(SMOKE_FUZZ_SECONDS); \
+	else echo "clang++ not found: fuzz smoke run skipped"; fi
+
+# Every parser of outside input has a libFuzzer target; each runs from the shipped files.
+fuzz: | deps
+	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DTVX_FUZZ=ON
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+	mkdir -p $(FUZZ_BUILD)/corpus/config
+	cp data/sim/*.def $(FUZZ_BUILD)/corpus/config/
+	cd $(FUZZ_BUILD) && ./fuzz/config_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=16384 \
+	  -print_final_stats=1 corpus/config
 
 # bench       builds optimised and runs the Google Benchmark programs of bench/.
 bench: build
@@ -60,4 +77,4 @@ format:
 	clang-format -i $(FORMAT_FILES)
 
 clean:
-	rm -rf $(BUILD) $(SAN_BUILD)
+	rm -rf $(BUILD) $(SAN_BUILD) $(FUZZ_BUILD)

@@ -114,9 +114,9 @@ bool Parser::parse() {
       case cfg::kError:
         return tvx::qualify("config_parse", "error in config file");
       default:
-        return tvx::fail_stacked(ERR_NO_DATA, 0, "config_parse", {},
-                                 "unexpected '%.*s' outside a section at line %ld",
-                                 static_cast<int>(token.length), text_ + token.offset, token.line);
+        return tvx::fail(ERR_NO_DATA, 0, "config_parse", {},
+                         "unexpected '%.*s' outside a section at line %ld",
+                         static_cast<int>(token.length), text_ + token.offset, token.line);
     }
   }
 }
@@ -130,8 +130,7 @@ bool Parser::define_block(bool *carry_on) {
       return tvx::qualify("define", "syntax error");
     }
     if (token.kind != cfg::kString || token.length >= kLongestName)
-      return tvx::fail_stacked(ERR_NO_DATA, 0, "define", {}, "invalid string at line %ld",
-                               token.line);
+      return tvx::fail(ERR_NO_DATA, 0, "define", {}, "invalid string at line %ld", token.line);
     word = text_ + token.offset;
   }
   INT32 **block = rows();
@@ -145,7 +144,7 @@ bool Parser::define_block(bool *carry_on) {
 
 bool Parser::section_block(const Token &name) {
   if (name.length >= kLongestName)
-    return tvx::fail_stacked(ERR_NO_DATA, 0, "header", {}, "invalid string at line %ld", name.line);
+    return tvx::fail(ERR_NO_DATA, 0, "header", {}, "invalid string at line %ld", name.line);
   INT32 **block = rows();
   const char *section = text_ + name.offset;  // its end became NUL when the rows were taken
   if (block == nullptr || !config_section(config_, section, block)) {
@@ -169,9 +168,8 @@ INT32 **Parser::rows() {
     }
     if (count == CONFIG_MAX_ROWS) {
       vlist_delete(block);
-      tvx::fail_stacked(ERR_NO_DATA, 0, "make_vlist", {},
-                        "too many rows at line %ld (at most %d in a section)", first.line,
-                        CONFIG_MAX_ROWS);
+      tvx::fail(ERR_NO_DATA, 0, "make_vlist", {},
+                "too many rows at line %ld (at most %d in a section)", first.line, CONFIG_MAX_ROWS);
       return nullptr;
     }
     block[count] = row(first);
@@ -201,12 +199,10 @@ INT32 *Parser::row(const Token &first) {
       if (value.kind == cfg::kError)
         tvx::qualify("make_hlist", "syntax error");
       else
-        tvx::fail_stacked(ERR_NO_DATA, 0, "make_hlist", {}, "missing value at line %ld",
-                          value.line);
+        tvx::fail(ERR_NO_DATA, 0, "make_hlist", {}, "missing value at line %ld", value.line);
     } else if (count == CONFIG_MAX_VALUES) {
-      tvx::fail_stacked(ERR_NO_DATA, 0, "make_hlist", {},
-                        "too many values at line %ld (at most %d in a row)", value.line,
-                        CONFIG_MAX_VALUES);
+      tvx::fail(ERR_NO_DATA, 0, "make_hlist", {},
+                "too many values at line %ld (at most %d in a row)", value.line, CONFIG_MAX_VALUES);
     } else {
       values[count] = entry(value);
       failed = false;

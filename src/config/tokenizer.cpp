@@ -151,12 +151,12 @@ Token Tokenizer::quoted(size_t start) {
   const size_t length = end - start - 1;
   if (length >= kLongestString) {
     pos_ = end;
-    fail_stacked(ERR_NO_DATA, 0, "tokenize", {}, "string too long at line %ld", line_);
+    fail(ERR_NO_DATA, 0, "tokenize", {}, "string too long at line %ld", line_);
     return Token{kError, start, 0, line_};
   }
   if (byte_at(end) != '"') {
     pos_ = end;
-    fail_stacked(ERR_NO_DATA, 0, "tokenize", {}, "missing end \" at line %ld", line_);
+    fail(ERR_NO_DATA, 0, "tokenize", {}, "missing end \" at line %ld", line_);
     return Token{kError, start, 0, line_};
   }
   text_[end] = '\0';
@@ -171,12 +171,12 @@ Token Tokenizer::bare(size_t start) {
   pending_ = end;
   // Values are copied into fixed fields; a word is held to the same length as a quoted string.
   if (end - start >= kLongestString) {
-    fail_stacked(ERR_NO_DATA, 0, "tokenize", {}, "string too long at line %ld", line_);
+    fail(ERR_NO_DATA, 0, "tokenize", {}, "string too long at line %ld", line_);
     return Token{kError, start, 0, line_};
   }
   Token token{classify(text_ + start, end - start, &verbose_), start, end - start, line_};
   if (token.kind == kError)
-    fail_stacked(ERR_NO_DATA, 0, "tokenize", {}, "unrecognized input at line %ld", line_);
+    fail(ERR_NO_DATA, 0, "tokenize", {}, "unrecognized input at line %ld", line_);
   return token;
 }
 

@@ -444,15 +444,6 @@ bool vfail(INT32 category, INT32 code, const char *routine, std::initializer_lis
 
 bool fail(INT32 category, INT32 code, const char *routine, std::initializer_list<INT32> causes,
           const char *format, ...) {
-  va_list args;
-  va_start(args, format);
-  vfail(category, code, routine, causes, format, args);
-  va_end(args);
-  return false;
-}
-
-bool fail_stacked(INT32 category, INT32 code, const char *routine,
-                  std::initializer_list<INT32> causes, const char *format, ...) {
   if (error_pending()) err_push(&top);
   va_list args;
   va_start(args, format);

@@ -12,15 +12,11 @@ namespace tvx {
 err_stack errors();
 
 // Sets a terminal error whose text is formatted, then appends the causes. Returns false, so that
-// a failing operation can end with `return fail(...)`.
+// a failing operation can end with `return fail(...)`. A fault met while an earlier one is still
+// pending goes on a record of its own above it, so that both stay in the story and bad input
+// never ends the process.
 bool fail(INT32 category, INT32 code, const char *routine, std::initializer_list<INT32> causes,
           const char *format, ...) __attribute__((format(printf, 5, 6)));
-
-// As fail, for a fault met while an earlier one is still pending: the new error then goes on a
-// record of its own above the earlier one, so that both stay in the story.
-bool fail_stacked(INT32 category, INT32 code, const char *routine,
-                  std::initializer_list<INT32> causes, const char *format, ...)
-    __attribute__((format(printf, 5, 6)));
 
 // Qualifies the error on the way out with a formatted text. Returns false.
 bool qualify(const char *routine, const char *format, ...) __attribute__((format(printf, 2, 3)));

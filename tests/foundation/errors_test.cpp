@@ -127,6 +127,13 @@ TEST_F(ErrorStack, PushedRecordsPrintNewestFirstAndResetToTheBottom) {
   EXPECT_EQ(print_all(ERR_MODE_BRIEF), "No error. " + kNoCauses);
 }
 
+TEST_F(ErrorStack, ALibraryFailureWhileAnotherIsPendingStacksAboveIt) {
+  EXPECT_EQ(handle_allocate(0, 1, MEM_PLAIN), nullptr);
+  EXPECT_EQ(handle_lock(nullptr, "test"), nullptr);
+  EXPECT_EQ(print_all(ERR_MODE_PATH),
+            "handle_lock\n...occurred during error...\nhandle_allocate\n");
+}
+
 TEST_F(ErrorStack, EditReplacesCategoryAndAddsItsLine) {
   err_terminal(stack(), ERR_NO_DATA, 1, "f", "x");
   err_edit(stack(), ERR_OUT_OF_RANGE, 2, "g", "y");
