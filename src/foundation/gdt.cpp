@@ -41,10 +41,6 @@ const char *type_name(INT32 type) {
   return nullptr;
 }
 
-bool refused(const char *op) {
-  return tvx::qualify(op, "%s", "");
-}
-
 bool unsupported(const char *op) {
   return tvx::fail(ERR_PROGRAMMER, 0, op, {}, "type not supported\n");
 }
@@ -65,7 +61,7 @@ bool take(INT32 type, const void *value, const char *op, GdtRecord *out) {
       break;
     case GDT_SVAL:
       out->sval = string_duplicate(static_cast<const char *>(value));
-      if (out->sval == nullptr) return refused(op);
+      if (out->sval == nullptr) return tvx::qualify(op);
       break;
     default:
       out->bval = *static_cast<const BYTE *>(value);
@@ -89,7 +85,7 @@ template <class T, class Read>
 T read(HANDLE gdt, INT32 type, const char *op, Read get) {
   Locked<GdtRecord> g(gdt, op);
   if (!g) {
-    refused(op);
+    tvx::qualify(op);
     return T{};
   }
   if (g->type != type) {
@@ -134,12 +130,12 @@ HANDLE gdt_new(INT32 type, const void *value) {
   static const char *const kOp = "gdt_new";
   HANDLE gdt = handle_allocate(1, sizeof(GdtRecord), MEM_GDT);
   if (gdt == nullptr) {
-    refused(kOp);
+    tvx::qualify(kOp);
     return nullptr;
   }
   GdtRecord taken{};
   if (!take(type, value, kOp, &taken)) {
-    refused(kOp);
+    tvx::qualify(kOp);
     handle_free(gdt, kOp);
     return nullptr;
   }
@@ -147,7 +143,7 @@ HANDLE gdt_new(INT32 type, const void *value) {
     Locked<GdtRecord> g(gdt, kOp);
     if (!g) {
       release(taken);
-      refused(kOp);
+      tvx::qualify(kOp);
       handle_free(gdt, kOp);
       return nullptr;
     }
@@ -160,9 +156,9 @@ HANDLE gdt_new(INT32 type, const void *value) {
 BOOL gdt_ctor(HANDLE gdt, INT32 type, const void *value) {
   static const char *const kOp = "gdt_ctor";
   Locked<GdtRecord> g(gdt, kOp);
-  if (!g) return refused(kOp);
+  if (!g) return tvx::qualify(kOp);
   GdtRecord taken{};
-  if (!take(type, value, kOp, &taken)) return refused(kOp);
+  if (!take(type, value, kOp, &taken)) return tvx::qualify(kOp);
   *g = taken;
   return true;
 }
@@ -173,7 +169,7 @@ void gdt_delete(HANDLE gdt) {
   {
     Locked<GdtRecord> g(gdt, kOp);
     if (!g) {
-      refused(kOp);
+      tvx::qualify(kOp);
       return;
     }
     release(*g);
@@ -184,10 +180,10 @@ void gdt_delete(HANDLE gdt) {
 BOOL gdt_set(HANDLE gdt, INT32 type, const void *value) {
   static const char *const kOp = "gdt_set";
   Locked<GdtRecord> g(gdt, kOp);
-  if (!g) return refused(kOp);
+  if (!g) return tvx::qualify(kOp);
   // The new value is taken before the old string goes, so a failure leaves the old value whole.
   GdtRecord taken{};
-  if (!take(type, value, kOp, &taken)) return refused(kOp);
+  if (!take(type, value, kOp, &taken)) return tvx::qualify(kOp);
   release(*g);
   *g = taken;
   ++changes;
@@ -198,17 +194,17 @@ HANDLE gdt_duplicate(HANDLE gdt) {
   static const char *const kOp = "gdt_duplicate";
   Locked<GdtRecord> g(gdt, kOp);
   if (!g) {
-    refused(kOp);
+    tvx::qualify(kOp);
     return nullptr;
   }
   HANDLE copy = gdt_new(g->type, slot(*g));
-  if (copy == nullptr) refused(kOp);
+  if (copy == nullptr) tvx::qualify(kOp);
   return copy;
 }
 
 BOOL gdt_valid(HANDLE gdt) {
   Locked<GdtRecord> g(gdt, "gdt_valid");
-  if (!g) return refused("gdt_valid");
+  if (!g) return tvx::qualify("gdt_valid");
   return type_name(g->type) != nullptr;
 }
 
@@ -216,17 +212,17 @@ BOOL gdt_assign(HANDLE to, HANDLE from) {
   static const char *const kOp = "gdt_assign";
   if (to == from) return gdt_valid(to);
   Locked<GdtRecord> f(from, kOp);
-  if (!f) return refused(kOp);
-  if (!gdt_set(to, f->type, slot(*f))) return refused(kOp);
+  if (!f) return tvx::qualify(kOp);
+  if (!gdt_set(to, f->type, slot(*f))) return tvx::qualify(kOp);
   return true;
 }
 
 BOOL gdt_equal(HANDLE a, HANDLE b) {
   static const char *const kOp = "gdt_equal";
   Locked<GdtRecord> x(a, kOp);
-  if (!x) return refused(kOp);
+  if (!x) return tvx::qualify(kOp);
   Locked<GdtRecord> y(b, kOp);
-  if (!y) return refused(kOp);
+  if (!y) return tvx::qualify(kOp);
   if (x->type != y->type) return false;
   switch (x->type) {
     case GDT_IVAL:
@@ -245,7 +241,7 @@ BOOL gdt_equal(HANDLE a, HANDLE b) {
 INT32 gdt_get_type(HANDLE gdt) {
   Locked<GdtRecord> g(gdt, "gdt_get_type");
   if (!g) {
-    refused("gdt_get_type");
+    tvx::qualify("gdt_get_type");
     return -1;
   }
   return g->type;
@@ -272,7 +268,7 @@ BOOL gdt_getBval(HANDLE gdt) {
 BOOL gdt_print1(HANDLE gdt, FILE *stream) {
   static const char *const kOp = "gdt_print1";
   Locked<GdtRecord> g(gdt, kOp);
-  if (!g) return refused(kOp);
+  if (!g) return tvx::qualify(kOp);
   char room[64];
   const char *text = value_text(*g, room, sizeof room);
   if (text != nullptr) std::fputs(text, stream);
@@ -280,7 +276,7 @@ BOOL gdt_print1(HANDLE gdt, FILE *stream) {
 }
 
 BOOL gdt_print2(HANDLE gdt, FILE *stream) {
-  if (!gdt_print1(gdt, stream)) return refused("gdt_print2");
+  if (!gdt_print1(gdt, stream)) return tvx::qualify("gdt_print2");
   std::fputs(" ", stream);
   return true;
 }
@@ -288,7 +284,7 @@ BOOL gdt_print2(HANDLE gdt, FILE *stream) {
 BOOL gdt_print3(HANDLE gdt, FILE *stream) {
   static const char *const kOp = "gdt_print3";
   Locked<GdtRecord> g(gdt, kOp);
-  if (!g) return refused(kOp);
+  if (!g) return tvx::qualify(kOp);
   std::fputs("gdt(", stream);
   switch (g->type) {
     case GDT_IVAL:
@@ -317,7 +313,7 @@ const char *gdt_printstr1(HANDLE gdt) {
   result[0] = '\0';
   Locked<GdtRecord> g(gdt, kOp);
   if (!g) {
-    refused(kOp);
+    tvx::qualify(kOp);
     return result;
   }
   char room[64];

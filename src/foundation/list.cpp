@@ -25,16 +25,10 @@ struct NodeRecord {
   HANDLE prev;
 };
 
-// Every failure here comes from a handle that would not lock; the handle check already set the
-// error, so the operation only adds its name.
-bool refused(const char *op) {
-  return tvx::qualify(op, "%s", "");
-}
-
 // A copy of a node's fields, so that no node stays locked while the list is changed around it.
 bool read_node(HANDLE node, const char *op, NodeRecord *out) {
   Locked<NodeRecord> n(node, op);
-  if (!n) return refused(op);
+  if (!n) return tvx::qualify(op);
   *out = *n;
   return true;
 }
@@ -42,7 +36,7 @@ bool read_node(HANDLE node, const char *op, NodeRecord *out) {
 template <class Change>
 bool change_node(HANDLE node, const char *op, Change change) {
   Locked<NodeRecord> n(node, op);
-  if (!n) return refused(op);
+  if (!n) return tvx::qualify(op);
   change(*n);
   return true;
 }
@@ -133,16 +127,16 @@ HANDLE listnode_new(HANDLE object, HANDLE prev, HANDLE next) {
   static const char *const kOp = "listnode_new";
   // A node made while an error is pending would be part of a change that is already failing.
   if (tvx::error_pending()) {
-    refused(kOp);
+    tvx::qualify(kOp);
     return nullptr;
   }
   HANDLE node = handle_allocate(1, sizeof(NodeRecord), MEM_LISTNODE);
   if (node == nullptr) {
-    refused(kOp);
+    tvx::qualify(kOp);
     return nullptr;
   }
   if (!listnode_ctor(node, object, prev, next)) {
-    refused(kOp);
+    tvx::qualify(kOp);
     listnode_dtor(node);
     return nullptr;
   }
@@ -183,12 +177,12 @@ HANDLE listnode_mk_next(HANDLE object, HANDLE node) {
   static const char *const kOp = "listnode_mk_next";
   HANDLE made = listnode_new(object, nullptr, node);
   if (made == nullptr) {
-    refused(kOp);
+    tvx::qualify(kOp);
     return nullptr;
   }
   if (node != nullptr && !listnode_set_prev(node, made)) {
     listnode_dtor(made);
-    refused(kOp);
+    tvx::qualify(kOp);
     return nullptr;
   }
   return made;
@@ -214,7 +208,7 @@ HANDLE listnode_reverse(HANDLE node, HANDLE prev) {
   while (node != nullptr) {
     Locked<NodeRecord> n(node, kOp);
     if (!n) {
-      refused(kOp);
+      tvx::qualify(kOp);
       return node;
     }
     HANDLE old_next = n->next;
@@ -232,11 +226,11 @@ HANDLE list_new(void) {
   static const char *const kOp = "list_new";
   HANDLE list = handle_allocate(1, sizeof(ListRecord), MEM_LIST);
   if (list == nullptr) {
-    refused(kOp);
+    tvx::qualify(kOp);
     return nullptr;
   }
   if (!list_ctor(list, nullptr)) {
-    refused(kOp);
+    tvx::qualify(kOp);
     handle_free(list, kOp);
     return nullptr;
   }
@@ -246,7 +240,7 @@ HANDLE list_new(void) {
 BOOL list_ctor(HANDLE list, HANDLE first) {
   static const char *const kOp = "list_ctor";
   Locked<ListRecord> l(list, kOp);
-  if (!l) return refused(kOp);
+  if (!l) return tvx::qualify(kOp);
   INT32 count = 0;
   HANDLE last = nullptr;
   if (!walk_chain(first, kOp, &count, &last)) return false;
@@ -260,7 +254,7 @@ BOOL list_ctor(HANDLE list, HANDLE first) {
 BOOL list_delete(HANDLE list, list_destroy_fn destroy) {
   static const char *const kOp = "list_delete";
   if (list == nullptr) return false;
-  if (!list_empty(list, destroy)) return refused(kOp);
+  if (!list_empty(list, destroy)) return tvx::qualify(kOp);
   handle_free(list, kOp);
   return true;
 }
@@ -268,7 +262,7 @@ BOOL list_delete(HANDLE list, list_destroy_fn destroy) {
 BOOL list_empty(HANDLE list, list_destroy_fn destroy) {
   static const char *const kOp = "list_empty";
   Locked<ListRecord> l(list, kOp);
-  if (!l) return refused(kOp);
+  if (!l) return tvx::qualify(kOp);
   for (l->current = l->head; l->current != nullptr; l->current = l->head)
     if (!remove_current(*l, destroy, kOp)) return false;
   return true;
@@ -277,14 +271,14 @@ BOOL list_empty(HANDLE list, list_destroy_fn destroy) {
 BOOL list_append_head(HANDLE list, HANDLE object) {
   static const char *const kOp = "list_append_head";
   Locked<ListRecord> l(list, kOp);
-  if (!l) return refused(kOp);
+  if (!l) return tvx::qualify(kOp);
   HANDLE node = listnode_new(object, nullptr, l->head);
-  if (node == nullptr) return refused(kOp);
+  if (node == nullptr) return tvx::qualify(kOp);
   if (l->head == nullptr) {
     l->tail = node;
   } else if (!listnode_set_prev(l->head, node)) {
     listnode_dtor(node);
-    return refused(kOp);
+    return tvx::qualify(kOp);
   }
   ++l->count;
   l->head = node;
@@ -295,14 +289,14 @@ BOOL list_append_head(HANDLE list, HANDLE object) {
 BOOL list_append_tail(HANDLE list, HANDLE object) {
   static const char *const kOp = "list_append_tail";
   Locked<ListRecord> l(list, kOp);
-  if (!l) return refused(kOp);
+  if (!l) return tvx::qualify(kOp);
   HANDLE node = listnode_new(object, l->tail, nullptr);
-  if (node == nullptr) return refused(kOp);
+  if (node == nullptr) return tvx::qualify(kOp);
   if (l->tail == nullptr) {
     l->head = node;
   } else if (!listnode_set_next(l->tail, node)) {
     listnode_dtor(node);
-    return refused(kOp);
+    return tvx::qualify(kOp);
   }
   ++l->count;
   l->tail = node;
@@ -313,7 +307,7 @@ BOOL list_append_tail(HANDLE list, HANDLE object) {
 BOOL list_remove(HANDLE list, list_destroy_fn destroy) {
   static const char *const kOp = "list_remove";
   Locked<ListRecord> l(list, kOp);
-  if (!l) return refused(kOp);
+  if (!l) return tvx::qualify(kOp);
   return remove_current(*l, destroy, kOp);
 }
 
@@ -323,46 +317,46 @@ BOOL list_remove_object(HANDLE list, HANDLE key, list_match_fn match, list_destr
 
 BOOL list_head(HANDLE list) {
   Locked<ListRecord> l(list, "list_head");
-  if (!l) return refused("list_head");
+  if (!l) return tvx::qualify("list_head");
   l->current = l->head;
   return true;
 }
 
 BOOL list_tail(HANDLE list) {
   Locked<ListRecord> l(list, "list_tail");
-  if (!l) return refused("list_tail");
+  if (!l) return tvx::qualify("list_tail");
   l->current = l->tail;
   return true;
 }
 
 BOOL list_next(HANDLE list) {
   Locked<ListRecord> l(list, "list_next");
-  if (!l) return refused("list_next");
+  if (!l) return tvx::qualify("list_next");
   return step(*l, true, "list_next");
 }
 
 BOOL list_prev(HANDLE list) {
   Locked<ListRecord> l(list, "list_prev");
-  if (!l) return refused("list_prev");
+  if (!l) return tvx::qualify("list_prev");
   return step(*l, false, "list_prev");
 }
 
 BOOL list_more(HANDLE list) {
   Locked<ListRecord> l(list, "list_more");
-  if (!l) return refused("list_more");
+  if (!l) return tvx::qualify("list_more");
   return l->current != nullptr;
 }
 
 INT32 list_size(HANDLE list) {
   Locked<ListRecord> l(list, "list_size");
-  if (!l) return refused("list_size");
+  if (!l) return tvx::qualify("list_size");
   return l->count;
 }
 
 HANDLE list_get_current(HANDLE list) {
   Locked<ListRecord> l(list, "list_get_current");
   if (!l) {
-    refused("list_get_current");
+    tvx::qualify("list_get_current");
     return nullptr;
   }
   return l->current;
@@ -370,7 +364,7 @@ HANDLE list_get_current(HANDLE list) {
 
 BOOL list_set_current(HANDLE list, HANDLE node) {
   Locked<ListRecord> l(list, "list_set_current");
-  if (!l) return refused("list_set_current");
+  if (!l) return tvx::qualify("list_set_current");
   l->current = node;
   return true;
 }
@@ -385,7 +379,7 @@ BOOL list_get_object_x(HANDLE list, HANDLE *out) {
   static const char *const kOp = "list_get_object_x";
   *out = nullptr;
   Locked<ListRecord> l(list, kOp);
-  if (!l) return refused(kOp);
+  if (!l) return tvx::qualify(kOp);
   return current_object(*l, kOp, out);
 }
 
@@ -393,7 +387,7 @@ HANDLE list_get_next_object(HANDLE list) {
   static const char *const kOp = "list_get_next_object";
   Locked<ListRecord> l(list, kOp);
   if (!l) {
-    refused(kOp);
+    tvx::qualify(kOp);
     return nullptr;
   }
   ListRecord ahead = *l;
@@ -405,13 +399,13 @@ HANDLE list_get_next_object(HANDLE list) {
 BOOL list_set_object(HANDLE list, HANDLE object) {
   static const char *const kOp = "list_set_object";
   Locked<ListRecord> l(list, kOp);
-  if (!l) return refused(kOp);
+  if (!l) return tvx::qualify(kOp);
   return set_current_object(*l, object, kOp);
 }
 
 BOOL list_nth(HANDLE list, INT32 n) {
   Locked<ListRecord> l(list, "list_nth");
-  if (!l) return refused("list_nth");
+  if (!l) return tvx::qualify("list_nth");
   return nth(*l, n, "list_nth");
 }
 
@@ -425,14 +419,14 @@ BOOL list_get_nth_object_x(HANDLE list, INT32 n, HANDLE *out) {
   static const char *const kOp = "list_get_nth_object_x";
   *out = nullptr;
   Locked<ListRecord> l(list, kOp);
-  if (!l) return refused(kOp);
+  if (!l) return tvx::qualify(kOp);
   return nth(*l, n, kOp) && current_object(*l, kOp, out);
 }
 
 BOOL list_find(HANDLE list, HANDLE key, list_match_fn match) {
   static const char *const kOp = "list_find";
   Locked<ListRecord> l(list, kOp);
-  if (!l) return refused(kOp);
+  if (!l) return tvx::qualify(kOp);
   return find(*l, key, match, kOp);
 }
 
@@ -440,14 +434,14 @@ BOOL list_find_object(HANDLE list, HANDLE key, list_match_fn match, HANDLE *out)
   static const char *const kOp = "list_find_object";
   bool found = list_find(list, key, match);
   list_get_object_x(list, out);
-  if (tvx::error_pending()) return refused(kOp);
+  if (tvx::error_pending()) return tvx::qualify(kOp);
   return found;
 }
 
 BOOL list_reverse(HANDLE list) {
   static const char *const kOp = "list_reverse";
   Locked<ListRecord> l(list, kOp);
-  if (!l) return refused(kOp);
+  if (!l) return tvx::qualify(kOp);
   HANDLE old_head = l->head;
   l->head = listnode_reverse(old_head, nullptr);
   l->tail = old_head;
@@ -458,7 +452,7 @@ BOOL list_reverse(HANDLE list) {
 BOOL list_sort(HANDLE list, list_order_fn out_of_order) {
   static const char *const kOp = "list_sort";
   Locked<ListRecord> l(list, kOp);
-  if (!l) return refused(kOp);
+  if (!l) return tvx::qualify(kOp);
   const INT32 n = l->count;
   for (INT32 pass = 1; pass < n; ++pass) {
     l->current = l->head;
@@ -492,7 +486,7 @@ BOOL list_print(HANDLE list, list_print_fn print, FILE *stream) {
     return true;
   }
   Locked<ListRecord> l(list, kOp);
-  if (!l) return refused(kOp);
+  if (!l) return tvx::qualify(kOp);
   for (HANDLE node = l->head; node != nullptr;) {
     NodeRecord n{};
     if (!read_node(node, kOp, &n)) break;

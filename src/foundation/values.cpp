@@ -29,13 +29,9 @@ struct ParamsRecord {
 
 constexpr INT32 kProgrammerError = 0x1040;
 
-bool refused(const char *op) {
-  return tvx::qualify(op, "%s", "");
-}
-
 bool read_param(HANDLE param, const char *op, ParamRecord *out) {
   Locked<ParamRecord> p(param, op);
-  if (!p) return refused(op);
+  if (!p) return tvx::qualify(op);
   *out = *p;
   return true;
 }
@@ -44,12 +40,12 @@ HANDLE make(INT32 id, INT32 kind, const char *op, void (*fill)(ParamRecord &, co
             const void *value) {
   HANDLE param = sysparam_new(id, kind);
   if (param == nullptr) {
-    refused(op);
+    tvx::qualify(op);
     return nullptr;
   }
   Locked<ParamRecord> p(param, op);
   if (!p) {
-    refused(op);
+    tvx::qualify(op);
     sysparam_delete(param);
     return nullptr;
   }
@@ -175,25 +171,25 @@ bool lookup(LookupIndex index, HANDLE params, void *first, void *second) {
     for (int i = 0; i < l.outputs; ++i) store(l.read, out[i], nullptr);
 
   Locked<ParamsRecord> p(params, l.name);
-  if (!p) return refused(l.name);
+  if (!p) return tvx::qualify(l.name);
   HANDLE list = p->list;
   if (list == nullptr)
     return tvx::fail(ERR_NO_DATA, 0, l.name, {kProgrammerError}, "null parameter list.");
 
   bool found[2] = {false, false};
-  if (!list_head(list)) return refused(l.name);
+  if (!list_head(list)) return tvx::qualify(l.name);
   while (list_more(list)) {
     HANDLE object = nullptr;
     ParamRecord param{};
     if (!list_get_object_x(list, &object) || !read_param(object, l.name, &param))
-      return refused(l.name);
+      return tvx::qualify(l.name);
     for (int i = 0; i < l.outputs; ++i) {
       if (param.id != l.ids[i]) continue;
       store(l.read, out[i], &param);
       found[i] = true;
     }
     if (l.rule == Rule::kNewest && found[0]) return true;
-    if (!list_next(list)) return refused(l.name);
+    if (!list_next(list)) return tvx::qualify(l.name);
   }
 
   bool all = found[0] && (l.outputs < 2 || found[1]);
@@ -218,12 +214,12 @@ HANDLE sysparam_new(INT32 id, INT32 kind) {
   static const char *const kOp = "sysparam_new";
   HANDLE param = handle_allocate(1, sizeof(ParamRecord), MEM_SYSPARAM);
   if (param == nullptr) {
-    refused(kOp);
+    tvx::qualify(kOp);
     return nullptr;
   }
   Locked<ParamRecord> p(param, kOp);
   if (!p) {
-    refused(kOp);
+    tvx::qualify(kOp);
     handle_free(param, kOp);
     return nullptr;
   }
@@ -317,18 +313,18 @@ HANDLE sysparams_new(void) {
   static const char *const kOp = "sysparams_new";
   HANDLE params = handle_allocate(1, sizeof(ParamsRecord), MEM_SYSPARAMS);
   if (params == nullptr) {
-    refused(kOp);
+    tvx::qualify(kOp);
     return nullptr;
   }
   HANDLE list = list_new();
   if (list == nullptr) {
-    refused(kOp);
+    tvx::qualify(kOp);
     handle_free(params, kOp);
     return nullptr;
   }
   Locked<ParamsRecord> p(params, kOp);
   if (!p) {
-    refused(kOp);
+    tvx::qualify(kOp);
     list_delete(list, nullptr);
     handle_free(params, kOp);
     return nullptr;
@@ -343,7 +339,7 @@ void sysparams_delete(HANDLE params) {
   {
     Locked<ParamsRecord> p(params, kOp);
     if (!p) {
-      refused(kOp);
+      tvx::qualify(kOp);
       return;
     }
     list_delete(p->list, sysparam_delete);
@@ -357,8 +353,8 @@ BOOL sysparams_append(HANDLE params, HANDLE param) {
   if (param == nullptr)
     return tvx::fail(ERR_NO_DATA, 0, kOp, {kProgrammerError}, "no parameter to append.");
   Locked<ParamsRecord> p(params, kOp);
-  if (!p) return refused(kOp);
-  if (!list_append_head(p->list, param)) return refused(kOp);
+  if (!p) return tvx::qualify(kOp);
+  if (!list_append_head(p->list, param)) return tvx::qualify(kOp);
   return true;
 }
 
