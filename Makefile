@@ -59,10 +59,7 @@ fuzz: | deps
 	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DTVX_FUZZ=ON
 	cmake --build $(FUZZ_BUILD) -j $(JOBS)
-	mkdir -p $(FUZZ_BUILD)/corpus/config
-	cp data/sim/*.def $(FUZZ_BUILD)/corpus/config/
-	cd $(FUZZ_BUILD) && ./fuzz/config_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=16384 \
-	  -print_final_stats=1 corpus/config
+	fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
 
 # bench       builds optimised and runs the Google Benchmark programs of bench/.
 bench: build
