@@ -259,9 +259,11 @@ BOOL config_ctor(HANDLE config, DWORD size) {
   if (size > CONFIG_MAX_TEXT)
     return tvx::fail(ERR_NO_DATA, 0, kOp, {}, "configuration text too large (%lu bytes).",
                      static_cast<unsigned long>(size));
-  record->text = static_cast<char *>(standard_allocate(static_cast<INT32>(size) + 1, 1, 0));
+  // The end byte, and a NUL behind it so that no text routine can run past the buffer.
+  record->text = static_cast<char *>(standard_allocate(static_cast<INT32>(size) + 2, 1, 0));
   if (record->text == nullptr) return tvx::qualify(kOp, "while making room for the text.");
   record->text[size] = static_cast<char>(0xFF);
+  record->text[size + 1] = '\0';
   record->text_size = size;
   return TRUE;
 }

@@ -52,9 +52,14 @@ bool all_of(const char *token, size_t from, size_t length, bool (*test)(char)) {
 }  // namespace
 
 INT32 classify(const char *token, size_t length, int *verbose) {
+  // Whether a conversion of the start succeeds is settled by its first characters; the copy
+  // ends in a NUL, which the text itself does not yet hold.
+  char start[64];
+  const size_t kept = length < sizeof start - 1 ? length : sizeof start - 1;
+  std::memcpy(start, token, kept);
+  start[kept] = '\0';
   float ignored = 0;
-  // The text after the token is its terminator, so a conversion stops there.
-  if (std::memchr(token, '.', length) != nullptr && std::sscanf(token, "%f", &ignored) == 1)
+  if (std::memchr(token, '.', length) != nullptr && std::sscanf(start, "%f", &ignored) == 1)
     return kFloat;
   if (length >= 2 && token[0] == '0' && (token[1] == 'x' || token[1] == 'X') &&
       all_of(token, 2, length, is_hex))
