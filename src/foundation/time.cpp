@@ -12,10 +12,7 @@ DWORD time_centiseconds(void) {
 BOOL delay_centiseconds(DWORD n) {
   const DWORD start = time_centiseconds();
   // Differences, not end times, so that the wait survives the clock wrapping round.
-  while (time_centiseconds() - start < n) {
-    // The virtual clock only moves when told: jump it to the end of the wait.
-    if (tvx::platform::clock_is_virtual()) tvx::platform::clock_set(start + n);
-  }
+  while (time_centiseconds() - start < n) tvx::platform::clock_idle();
   return TRUE;
 }
 

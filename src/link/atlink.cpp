@@ -110,15 +110,14 @@ BOOL control_sequence(HANDLE link, const char *op, const ControlStep (&steps)[N]
   return TRUE;
 }
 
-// Polls the status register for `mask` until it shows or the time-out passes. The virtual clock
-// of a test moves on by a centisecond for each empty poll, so the wait ends without real time.
+// Polls the status register for `mask` until it shows or the time-out passes.
 bool wait_for(const atlink &r, WORD mask, const char *op, const char *text) {
   if (read_status(r, mask) != 0) return true;
   const DWORD start = time_centiseconds();
   const DWORD limit = std::min(static_cast<DWORD>(r.io_timeout), kLongestWait);
   while (time_centiseconds() - start < limit) {
     if (read_status(r, mask) != 0) return true;
-    if (tvx::platform::clock_is_virtual()) tvx::platform::clock_advance(1);
+    tvx::platform::clock_idle();
   }
   if (read_status(r, mask) != 0) return true;
   fail(ERR_TIMEOUT, 0, op, {}, "%s", text);

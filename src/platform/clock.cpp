@@ -50,4 +50,14 @@ void clock_step(DWORD per_read) {
   virt.step = per_read;
 }
 
+void clock_idle() {
+  if (virt.on) {
+    ++virt.now;
+    return;
+  }
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#endif
+}
+
 }  // namespace tvx::platform

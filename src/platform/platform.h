@@ -58,6 +58,10 @@ bool clock_is_virtual();
 void clock_set(DWORD centiseconds);
 void clock_advance(DWORD centiseconds);
 void clock_step(DWORD per_read);
+// Every polling loop calls this after a poll that found nothing: on the real clock it is a
+// processor pause, on the virtual clock a centisecond passes, so that every poll reaches its
+// time-out in a test without real time.
+void clock_idle();
 
 // ---- Log file ------------------------------------------------------------------------------
 // Creates (or empties) `name` in the current directory and stores its full path in `path`.
