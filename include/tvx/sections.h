@@ -80,6 +80,17 @@ typedef struct ccd {
   INT32 parallel_transfers;
 } ccd;
 
+/* The simulated camera's own settings, from the SIMULATOR section of the hardware file. */
+typedef struct simulator {
+  char scene[32]; /* starfield, coordinates, flat or dark */
+  INT32 seed;
+  double read_noise;   /* electrons */
+  double dark_current; /* electrons per pixel per second at 293 K */
+  BYTE realtime;       /* read out at the pixel rate rather than at once */
+  char fault[32];   /* none, card_absent, power_off, error_flags, linkspeed_mismatch, drop_words */
+  INT32 drop_after; /* words that cross the link before drop_words starts */
+} simulator;
+
 TVX_API BOOL device_extract(device *record, HANDLE config);
 TVX_API void device_print(const device *record, FILE *stream);
 TVX_API void device_dtor(device *record);
@@ -106,6 +117,12 @@ TVX_API void camprog_delete(HANDLE program);
 TVX_API BOOL camprog_print(HANDLE program, FILE *stream);
 TVX_API BOOL camprog_findfn1(HANDLE program, HANDLE name);
 TVX_API BOOL camprog_findfn2(HANDLE program, HANDLE filename);
+
+/* Reads and checks the SIMULATOR section. */
+TVX_API BOOL simulator_extract(simulator *record, HANDLE config);
+/* Tells the simulated card and controller the fault the record names. */
+TVX_API BOOL simulator_apply(const simulator *record);
+TVX_API void simulator_print(const simulator *record, FILE *stream);
 
 TVX_API BOOL ccd_extract(ccd *record, HANDLE config);
 TVX_API void ccd_print(const ccd *record, FILE *stream);

@@ -2,6 +2,8 @@
 // copies of them, each failing with its own text.
 #include <regex>
 
+#include "sim/settings.h"
+
 #include "config/config_support.h"
 
 namespace {
@@ -180,6 +182,37 @@ TEST_F(Records, AdcAndCcdReadersForgiveWhatOnlyTheirLastRowDecides) {
   EXPECT_EQ(print_last(ERR_MODE_PATH), "ccd_extract-> \nccd_extract\n");
   EXPECT_NE(story().find("unable to extract 'active_area' from section 'CCD'"), std::string::npos);
   ccd_dtor(&record);
+}
+
+TEST_F(Records, SimulatorSectionNamesTheFaultTheSimulatedCameraShows) {
+  HANDLE c = parse_shipped("sim_small.def");
+  simulator sim{};
+  ASSERT_TRUE(simulator_extract(&sim, c)) << story();
+  EXPECT_STREQ(sim.scene, "starfield");
+  EXPECT_EQ(sim.seed, 7100);
+  EXPECT_DOUBLE_EQ(sim.read_noise, 6.5);
+  EXPECT_STREQ(sim.fault, "none");
+  EXPECT_TRUE(simulator_apply(&sim));
+  EXPECT_FALSE(tvx::sim::settings().power_off);
+
+  c = broken_hardware("    fault = none\n    drop_after = 0",
+                      "    fault = drop_words\n    drop_after = 40");
+  ASSERT_TRUE(simulator_extract(&sim, c)) << story();
+  EXPECT_TRUE(simulator_apply(&sim));
+  EXPECT_EQ(tvx::sim::settings().drop_after, 40);
+  c = broken_hardware("    fault = none", "    fault = linkspeed_mismatch");
+  ASSERT_TRUE(simulator_extract(&sim, c)) << story();
+  EXPECT_TRUE(simulator_apply(&sim));
+  EXPECT_NE(tvx::sim::settings().controller_speed, 5) << "the card boots at 5 Mbit/s";
+  EXPECT_EQ(tvx::sim::settings().drop_after, 0) << "each fault replaces the last";
+  tvx_test_simulator_reset();
+
+  c = broken_hardware("    fault = none", "    fault = melted");
+  EXPECT_FALSE(simulator_extract(&sim, c));
+  EXPECT_NE(story().find("identifier 'fault' (melted) not in the selection"), std::string::npos);
+  std::snprintf(sim.fault, sizeof sim.fault, "melted");
+  EXPECT_FALSE(simulator_apply(&sim));
+  EXPECT_NE(story().find("unknown simulator fault 'melted'"), std::string::npos);
 }
 
 TEST(VoltageTables, NamesAndChannels) {
