@@ -467,11 +467,4 @@ bool qualify(const char *routine, const char *format, ...) {
   return false;
 }
 
-void require_failed(int line, const char *file) {
-  char message[128];
-  std::snprintf(message, sizeof message, "Require assertion failed at line %d in file %s\n", line,
-                file);
-  platform::fatal_exit(message);
-}
-
 }  // namespace tvx
