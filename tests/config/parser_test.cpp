@@ -151,8 +151,7 @@ TEST_F(Parser, CapacitiesAreRefusedNotOverrun) {
   EXPECT_NE(story().find("configuration files too large"), std::string::npos);
 
   std::string many;
-  for (int i = 0; i < 31; ++i)
-    many += "DEFINE \"N" + std::to_string(i) + "\" Horizontal Only\n";
+  for (int i = 0; i < 31; ++i) many += "DEFINE \"N" + std::to_string(i) + "\" Horizontal Only\n";
   EXPECT_EQ(parse(many), nullptr);
   EXPECT_NE(story().find("too many sections, cannot define section 'N30'"), std::string::npos);
 }
