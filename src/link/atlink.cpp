@@ -23,7 +23,6 @@ namespace {
 using Rec = tvx::Locked<atlink>;
 using tvx::fail;
 using tvx::qualify;
-using tvx::link::pass;
 
 constexpr INT32 kLargestTimeout = 6500;
 constexpr DWORD kLongestWait = 9000;
@@ -95,16 +94,16 @@ bool change_bits(const atlink &r, WORD bits, INT32 mode) {
 // One locked change of the control register, qualified with the operation's name on failure.
 BOOL control_op(HANDLE link, const char *op, WORD bits, INT32 mode) {
   Rec rec(link, op);
-  if (!rec || !change_bits(*rec, bits, mode)) return pass(op);
+  if (!rec || !change_bits(*rec, bits, mode)) return qualify(op);
   return TRUE;
 }
 
 template <size_t N>
 BOOL control_sequence(HANDLE link, const char *op, const ControlStep (&steps)[N]) {
   Rec rec(link, op);
-  if (!rec) return pass(op);
+  if (!rec) return qualify(op);
   for (const ControlStep &step : steps) {
-    if (!change_bits(*rec, step.bits, step.mode)) return pass(op);
+    if (!change_bits(*rec, step.bits, step.mode)) return qualify(op);
     if (step.delay != 0) delay_centiseconds(step.delay);
   }
   return TRUE;
@@ -139,7 +138,7 @@ bool wait_output(const atlink &r) {
 
 bool read_bytes(const atlink &r, BYTE *bytes, int count) {
   for (int i = 0; i < count; ++i) {
-    if (!wait_input(r)) return pass("atlink_read_BYTE_array");
+    if (!wait_input(r)) return qualify("atlink_read_BYTE_array");
     bytes[i] = static_cast<BYTE>(port_in16(r.data_port) & 0xFF);
   }
   return true;
@@ -147,7 +146,7 @@ bool read_bytes(const atlink &r, BYTE *bytes, int count) {
 
 bool write_bytes(const atlink &r, const BYTE *bytes, int count) {
   for (int i = 0; i < count; ++i) {
-    if (!wait_output(r)) return pass("atlink_write_BYTE_array");
+    if (!wait_output(r)) return qualify("atlink_write_BYTE_array");
     port_out16(r.data_port, bytes[i]);
   }
   return true;
@@ -155,7 +154,7 @@ bool write_bytes(const atlink &r, const BYTE *bytes, int count) {
 
 bool read_words(const atlink &r, WORD *words, int count) {
   for (int i = 0; i < count; ++i) {
-    if (!wait_input(r)) return pass("atlink_read_WORD_array");
+    if (!wait_input(r)) return qualify("atlink_read_WORD_array");
     words[i] = port_in16(r.data_port);
   }
   return true;
@@ -163,7 +162,7 @@ bool read_words(const atlink &r, WORD *words, int count) {
 
 bool write_words(const atlink &r, const WORD *words, int count) {
   for (int i = 0; i < count; ++i) {
-    if (!wait_output(r)) return pass("atlink_write_WORD_array");
+    if (!wait_output(r)) return qualify("atlink_write_WORD_array");
     port_out16(r.data_port, words[i]);
   }
   return true;
@@ -268,12 +267,12 @@ HANDLE atlink_new(INT32 io_timeout, const char *name, INT32 base_address) {
   static const char *const kOp = "atlink_new";
   HANDLE link = handle_allocate(1, sizeof(atlink), MEM_ATLINK);
   if (link == nullptr) {
-    pass(kOp);
+    qualify(kOp);
     return nullptr;
   }
   if (!atlink_ctor(link, io_timeout, name, base_address)) {
     atlink_delete(link);
-    pass(kOp);
+    qualify(kOp);
     return nullptr;
   }
   return link;
@@ -282,29 +281,29 @@ HANDLE atlink_new(INT32 io_timeout, const char *name, INT32 base_address) {
 BOOL atlink_ctor(HANDLE link, INT32 io_timeout, const char *name, INT32 base_address) {
   static const char *const kOp = "atlink_ctor";
   Rec rec(link, kOp);
-  if (!rec) return pass(kOp);
+  if (!rec) return qualify(kOp);
   // Run again on a live adapter, the constructor starts from a card no longer held.
   unplug(link);
   rec->device = -1;
   rec->verbose = 0;
-  if (!set_timeout(*rec, io_timeout)) return pass(kOp);
+  if (!set_timeout(*rec, io_timeout)) return qualify(kOp);
   rec->verbose = 0;
   rec->boot_number = tvx::link::boot_counter();
   char *copy = string_duplicate(name);
-  if (copy == nullptr) return pass(kOp);
+  if (copy == nullptr) return qualify(kOp);
   if (rec->name != nullptr) standard_free(rec->name, kOp);
   rec->name = copy;
-  if (!atlink_open_device(link) || !set_base_address(link, *rec, base_address)) return pass(kOp);
+  if (!atlink_open_device(link) || !set_base_address(link, *rec, base_address)) return qualify(kOp);
   return TRUE;
 }
 
 BOOL atlink_delete(HANDLE link) {
   static const char *const kOp = "atlink_delete";
   if (link == nullptr) return TRUE;
-  if (!atlink_close_device(link)) return pass(kOp);
+  if (!atlink_close_device(link)) return qualify(kOp);
   {
     Rec rec(link, kOp);
-    if (!rec) return pass(kOp);
+    if (!rec) return qualify(kOp);
     if (rec->name != nullptr) standard_free(rec->name, kOp);
     rec->name = nullptr;
   }
@@ -314,19 +313,19 @@ BOOL atlink_delete(HANDLE link) {
 
 BOOL atlink_open_device(HANDLE link) {
   Rec rec(link, "atlink_open_device");
-  return rec ? TRUE : pass("atlink_open_device");
+  return rec ? TRUE : qualify("atlink_open_device");
 }
 
 BOOL atlink_close_device(HANDLE link) {
   Rec rec(link, "atlink_close_device");
-  if (!rec) return pass("atlink_close_device");
+  if (!rec) return qualify("atlink_close_device");
   unplug(link);
   return TRUE;
 }
 
 BOOL atlink_print(HANDLE link, FILE *destination) {
   Rec rec(link, "atlink_print");
-  if (!rec) return pass("atlink_print");
+  if (!rec) return qualify("atlink_print");
   std::fprintf(destination, "atlink(%d, %d, %ld, %ld, %d, addr(%X, %X, %X))", rec->verbose,
                rec->device, long{rec->io_timeout}, long{rec->io_loops}, rec->boot_number,
                unsigned{rec->data_port}, unsigned{rec->status_port}, unsigned{rec->control_port});
@@ -335,26 +334,27 @@ BOOL atlink_print(HANDLE link, FILE *destination) {
 
 BOOL atlink_set_timeout(HANDLE link, INT32 io_timeout) {
   Rec rec(link, "atlink_set_timeout");
-  if (!rec || !set_timeout(*rec, io_timeout)) return pass("atlink_set_timeout");
+  if (!rec || !set_timeout(*rec, io_timeout)) return qualify("atlink_set_timeout");
   return TRUE;
 }
 
 BOOL atlink_set_verbose(HANDLE link, BOOL verbose) {
   Rec rec(link, "atlink_set_verbose");
-  if (!rec) return pass("atlink_set_verbose");
+  if (!rec) return qualify("atlink_set_verbose");
   rec->verbose = verbose != FALSE ? 1 : 0;
   return TRUE;
 }
 
 BOOL atlink_verbose(HANDLE link) {
   Rec rec(link, "atlink_verbose");
-  if (!rec) return pass("atlink_verbose");
+  if (!rec) return qualify("atlink_verbose");
   return rec->verbose != 0 ? TRUE : FALSE;
 }
 
 BOOL atlink_set_base_address(HANDLE link, INT32 base_address) {
   Rec rec(link, "atlink_set_base_address");
-  if (!rec || !set_base_address(link, *rec, base_address)) return pass("atlink_set_base_address");
+  if (!rec || !set_base_address(link, *rec, base_address))
+    return qualify("atlink_set_base_address");
   return TRUE;
 }
 
@@ -362,14 +362,14 @@ BOOL atlink_set_base_address(HANDLE link, INT32 base_address) {
 
 BOOL atlink_read_control_register(HANDLE link, WORD mask, WORD *result) {
   Rec rec(link, "atlink_read_control_register");
-  if (!rec) return pass("atlink_read_control_register");
+  if (!rec) return qualify("atlink_read_control_register");
   *result = port_in16(rec->control_port) & mask;
   return TRUE;
 }
 
 BOOL atlink_read_status_register(HANDLE link, WORD mask, WORD *result) {
   Rec rec(link, "atlink_read_status_register");
-  if (!rec) return pass("atlink_read_status_register");
+  if (!rec) return qualify("atlink_read_status_register");
   *result = read_status(*rec, mask);
   return TRUE;
 }
@@ -420,7 +420,7 @@ BOOL atlink_transputer_reset(HANDLE link) {
   Rec rec(link, kOp);
   if (!rec || !atlink_fifo_reset(link) || !atlink_local_transputer_reset(link) ||
       !atlink_distant_transputer_reset(link))
-    return pass(kOp);
+    return qualify(kOp);
   delay_centiseconds(kResetDelay);
   return TRUE;
 }
@@ -428,18 +428,18 @@ BOOL atlink_transputer_reset(HANDLE link) {
 BOOL atlink_analyse(HANDLE link) {
   static const char *const kOp = "atlink_analyse";
   Rec rec(link, kOp);
-  if (!rec || !change_bits(*rec, ATLINK_ANALYSE, 1)) return pass(kOp);
+  if (!rec || !change_bits(*rec, ATLINK_ANALYSE, 1)) return qualify(kOp);
   delay_centiseconds(kResetDelay);
-  if (!atlink_transputer_reset(link)) return pass(kOp);
+  if (!atlink_transputer_reset(link)) return qualify(kOp);
   delay_centiseconds(kResetDelay);
-  if (!change_bits(*rec, ATLINK_ANALYSE, 0)) return pass(kOp);
+  if (!change_bits(*rec, ATLINK_ANALYSE, 0)) return qualify(kOp);
   return TRUE;
 }
 
 BOOL atlink_linkspeed(HANDLE link, INT16 speed) {
   static const char *const kOp = "atlink_linkspeed";
   Rec rec(link, kOp);
-  if (!rec) return pass(kOp);
+  if (!rec) return qualify(kOp);
   bool ok = true;
   switch (speed) {
     case 20:
@@ -456,7 +456,7 @@ BOOL atlink_linkspeed(HANDLE link, INT16 speed) {
                   "invalid transputer link speed setting '%d'. (valid speeds 5, 10, 20).",
                   int{speed});
   }
-  return ok ? TRUE : pass(kOp);
+  return ok ? TRUE : qualify(kOp);
 }
 
 BOOL atlink_enable_interrupts(HANDLE) {
@@ -465,12 +465,12 @@ BOOL atlink_enable_interrupts(HANDLE) {
 
 BOOL atlink_page_0(HANDLE link) {
   Rec rec(link, "atlink_page_0");
-  return rec ? TRUE : pass("atlink_page_0");
+  return rec ? TRUE : qualify("atlink_page_0");
 }
 
 BOOL atlink_transputer_error(HANDLE link, WORD *result) {
   Rec rec(link, "atlink_transputer_error");
-  if (!rec) return pass("atlink_transputer_error");
+  if (!rec) return qualify("atlink_transputer_error");
   *result = read_status(*rec, ATLINK_LOCAL_ERROR | ATLINK_DISTANT_ERROR);
   return TRUE;
 }
@@ -480,7 +480,7 @@ BOOL atlink_transputer_error(HANDLE link, WORD *result) {
 BOOL atlink_check_status(HANDLE link) {
   static const char *const kOp = "atlink_check_status";
   Rec rec(link, kOp);
-  if (!rec) return pass(kOp);
+  if (!rec) return qualify(kOp);
   const WORD status = read_status(*rec, 0xFF);
   if ((status & ATLINK_LOCAL_ERROR) != 0)
     return fail(ERR_OUT_OF_RANGE, 0, kOp, {kCauseAtLinkCard}, "local transputer in error");
@@ -494,7 +494,7 @@ BOOL atlink_check_status(HANDLE link) {
 
 BOOL atlink_print_status(HANDLE link, const char *label) {
   Rec rec(link, "atlink_print_status");
-  if (!rec) return pass("atlink_print_status");
+  if (!rec) return qualify("atlink_print_status");
   if (rec->verbose == 0) return TRUE;
   report *info = nullptr;
   report_where_is(REPORT_INFO, &info);
@@ -504,7 +504,7 @@ BOOL atlink_print_status(HANDLE link, const char *label) {
 
 BOOL atlink_describe_status(HANDLE link, WORD mask, char *text) {
   Rec rec(link, "atlink_describe_status");
-  if (!rec) return pass("atlink_describe_status");
+  if (!rec) return qualify("atlink_describe_status");
   text[0] = '\0';
   const WORD status = read_status(*rec, 0xFF);
   for (const StatusText &entry : kStatusTexts) {
@@ -521,13 +521,13 @@ BOOL atlink_describe_status(HANDLE link, WORD mask, char *text) {
 
 BOOL atlink_wait_for_input(HANDLE link) {
   Rec rec(link, "atlink_wait_for_input");
-  if (!rec) return pass("atlink_wait_for_input");
+  if (!rec) return qualify("atlink_wait_for_input");
   return wait_input(*rec) ? TRUE : FALSE;
 }
 
 BOOL atlink_wait_to_output(HANDLE link) {
   Rec rec(link, "atlink_wait_to_output");
-  if (!rec) return pass("atlink_wait_to_output");
+  if (!rec) return qualify("atlink_wait_to_output");
   return wait_output(*rec) ? TRUE : FALSE;
 }
 
@@ -535,7 +535,7 @@ BOOL atlink_wait_to_output(HANDLE link) {
 
 BOOL atlink_read_BYTE_array(HANDLE link, BYTE *bytes, INT16 count) {
   Rec rec(link, "atlink_read_BYTE_array");
-  if (!rec) return pass("atlink_read_BYTE_array");
+  if (!rec) return qualify("atlink_read_BYTE_array");
   return read_bytes(*rec, bytes, count) ? TRUE : FALSE;
 }
 
@@ -547,7 +547,7 @@ BOOL atlink_read_INT16(HANDLE link, INT16 *value) {
   static const char *const kOp = "atlink_read_INT16";
   Rec rec(link, kOp);
   BYTE bytes[2];
-  if (!rec || !wait_input(*rec) || !read_bytes(*rec, bytes, 2)) return pass(kOp);
+  if (!rec || !wait_input(*rec) || !read_bytes(*rec, bytes, 2)) return qualify(kOp);
   *value = static_cast<INT16>(from_bytes(bytes, 2));
   return TRUE;
 }
@@ -556,10 +556,10 @@ BOOL atlink_read_INT16_array(HANDLE link, INT16 *values, INT16 count) {
   // Failures read as those of the single-value call, as they always have.
   static const char *const kOp = "atlink_read_INT16";
   Rec rec(link, kOp);
-  if (!rec) return pass(kOp);
+  if (!rec) return qualify(kOp);
   for (int i = 0; i < count; ++i) {
     BYTE bytes[2];
-    if (!read_bytes(*rec, bytes, 2)) return pass(kOp);
+    if (!read_bytes(*rec, bytes, 2)) return qualify(kOp);
     values[i] = static_cast<INT16>(from_bytes(bytes, 2));
   }
   return TRUE;
@@ -569,14 +569,14 @@ BOOL atlink_read_INT32(HANDLE link, INT32 *value) {
   static const char *const kOp = "atlink_read_INT32";
   Rec rec(link, kOp);
   BYTE bytes[4];
-  if (!rec || !read_bytes(*rec, bytes, 4)) return pass(kOp);
+  if (!rec || !read_bytes(*rec, bytes, 4)) return qualify(kOp);
   *value = static_cast<INT32>(from_bytes(bytes, 4));
   return TRUE;
 }
 
 BOOL atlink_read_WORD_array(HANDLE link, WORD *words, INT16 count) {
   Rec rec(link, "atlink_read_WORD_array");
-  if (!rec) return pass("atlink_read_WORD_array");
+  if (!rec) return qualify("atlink_read_WORD_array");
   return read_words(*rec, words, count) ? TRUE : FALSE;
 }
 
@@ -586,7 +586,7 @@ BOOL atlink_read_WORD(HANDLE link, WORD *word) {
 
 BOOL atlink_write_BYTE_array(HANDLE link, const BYTE *bytes, INT16 count) {
   Rec rec(link, "atlink_write_BYTE_array");
-  if (!rec) return pass("atlink_write_BYTE_array");
+  if (!rec) return qualify("atlink_write_BYTE_array");
   return write_bytes(*rec, bytes, count) ? TRUE : FALSE;
 }
 
@@ -599,18 +599,18 @@ BOOL atlink_write_INT16(HANDLE link, INT16 value) {
   Rec rec(link, kOp);
   BYTE bytes[2];
   to_bytes(static_cast<WORD>(value), bytes, 2);
-  if (!rec || !wait_output(*rec) || !write_bytes(*rec, bytes, 2)) return pass(kOp);
+  if (!rec || !wait_output(*rec) || !write_bytes(*rec, bytes, 2)) return qualify(kOp);
   return TRUE;
 }
 
 BOOL atlink_write_INT16_array(HANDLE link, const INT16 *values, INT16 count) {
   static const char *const kOp = "atlink_write_INT16_array";
   Rec rec(link, kOp);
-  if (!rec) return pass(kOp);
+  if (!rec) return qualify(kOp);
   for (int i = 0; i < count; ++i) {
     BYTE bytes[2];
     to_bytes(static_cast<WORD>(values[i]), bytes, 2);
-    if (!write_bytes(*rec, bytes, 2)) return pass(kOp);
+    if (!write_bytes(*rec, bytes, 2)) return qualify(kOp);
   }
   return TRUE;
 }
@@ -620,13 +620,13 @@ BOOL atlink_write_INT32(HANDLE link, INT32 value) {
   Rec rec(link, kOp);
   BYTE bytes[4];
   to_bytes(static_cast<DWORD>(value), bytes, 4);
-  if (!rec || !write_bytes(*rec, bytes, 4)) return pass(kOp);
+  if (!rec || !write_bytes(*rec, bytes, 4)) return qualify(kOp);
   return TRUE;
 }
 
 BOOL atlink_write_WORD_array(HANDLE link, const WORD *words, INT16 count) {
   Rec rec(link, "atlink_write_WORD_array");
-  if (!rec) return pass("atlink_write_WORD_array");
+  if (!rec) return qualify("atlink_write_WORD_array");
   return write_words(*rec, words, count) ? TRUE : FALSE;
 }
 

@@ -17,7 +17,6 @@ namespace {
 using Rec = tvx::Locked<atlink>;
 using tvx::fail;
 using tvx::qualify;
-using tvx::link::pass;
 
 constexpr INT16 kMaxBlock = 30;
 constexpr INT16 kEndOfFile = 0;
@@ -96,10 +95,10 @@ BOOL atlink_boot_once(HANDLE link, const char *atlinit_file, const char *boot_fi
   static const char *const kOp = "atlink_boot_once";
   {
     Rec rec(link, kOp);
-    if (!rec) return pass(kOp);
+    if (!rec) return qualify(kOp);
     if (rec->boot_number != 0) return TRUE;
   }
-  return atlink_boot(link, atlinit_file, boot_file) ? TRUE : pass(kOp);
+  return atlink_boot(link, atlinit_file, boot_file) ? TRUE : qualify(kOp);
 }
 
 BOOL atlink_atlinit(HANDLE link, const char *atlinit_file) {
@@ -112,13 +111,13 @@ BOOL atlink_copy_init(HANDLE link, const char *file) {
   static const char *const kOp = "atlink_copy_init";
   File in(file);
   if (in.f == nullptr) return open_failed(kOp, {0x3003, 0x3001}, "initialisation file '%s'.", file);
-  return atlink_copy_block(link, in.f) ? TRUE : pass(kOp);
+  return atlink_copy_block(link, in.f) ? TRUE : qualify(kOp);
 }
 
 BOOL atlink_copy_block(HANDLE link, FILE *file) {
   static const char *const kOp = "atlink_copy_block";
   Rec rec(link, kOp);
-  if (!rec) return pass(kOp);
+  if (!rec) return qualify(kOp);
   long block = 1;
   INT16 size = 0;
   if (!read_size(file, &size)) return bad_atlinit("no block size");
@@ -141,7 +140,7 @@ BOOL atlink_copy_block(HANDLE link, FILE *file) {
     if (!read_size(file, &size)) return bad_atlinit("no block size");
   }
   if (size != kEndOfFile && size != kEndOfFileToo) return bad_atlinit("invalid block size");
-  return atlink_check_status(link) ? TRUE : pass(kOp);
+  return atlink_check_status(link) ? TRUE : qualify(kOp);
 }
 
 BOOL atlink_copy(HANDLE link, const char *file) {
@@ -149,11 +148,11 @@ BOOL atlink_copy(HANDLE link, const char *file) {
   File in(file);
   if (in.f == nullptr) return open_failed(kOp, {}, "byte stream file '%s'", file);
   Buffer buffer(static_cast<INT32>(kByteChunk), 1, kOp);
-  if (buffer.p == nullptr) return pass(kOp);
+  if (buffer.p == nullptr) return qualify(kOp);
   auto *bytes = static_cast<BYTE *>(buffer.p);
   size_t got = 0;
   while ((got = std::fread(bytes, 1, kByteChunk, in.f)) > 0)
-    if (!atlink_write_BYTE_array(link, bytes, static_cast<INT16>(got))) return pass(kOp);
+    if (!atlink_write_BYTE_array(link, bytes, static_cast<INT16>(got))) return qualify(kOp);
   return TRUE;
 }
 
@@ -162,11 +161,11 @@ BOOL atlink_copy_WORD(HANDLE link, const char *file) {
   File in(file);
   if (in.f == nullptr) return open_failed(kOp, {}, "byte stream file %s", file);
   Buffer buffer(static_cast<INT32>(kWordChunk), sizeof(WORD), kOp);
-  if (buffer.p == nullptr) return pass(kOp);
+  if (buffer.p == nullptr) return qualify(kOp);
   auto *words = static_cast<WORD *>(buffer.p);
   size_t got = 0;
   while ((got = std::fread(words, sizeof(WORD), kWordChunk, in.f)) > 0)
-    if (!atlink_write_WORD_array(link, words, static_cast<INT16>(got))) return pass(kOp);
+    if (!atlink_write_WORD_array(link, words, static_cast<INT16>(got))) return qualify(kOp);
   return TRUE;
 }
 

@@ -9,15 +9,3 @@ namespace tvx::link {
 BYTE &boot_counter();
 
 }  // namespace tvx::link
-
-#include "foundation/fail.h"
-
-namespace tvx::link {
-
-// Adds the routine's line, with no text, to an error on its way out. Returns false.
-inline bool pass(const char *routine) {
-  err_qualify(tvx::errors(), routine, "");
-  return false;
-}
-
-}  // namespace tvx::link
