@@ -60,8 +60,10 @@ BOOL simulator_extract(simulator *record, HANDLE config) {
                        rows[i].identifier);
     }
   // The declaration's selections keep both words short.
-  std::snprintf(record->scene, sizeof record->scene, "%s", scene);
-  std::snprintf(record->fault, sizeof record->fault, "%s", fault);
+  std::snprintf(record->scene, sizeof record->scene, "%.*s",
+                static_cast<int>(sizeof record->scene - 1), scene);
+  std::snprintf(record->fault, sizeof record->fault, "%.*s",
+                static_cast<int>(sizeof record->fault - 1), fault);
   return TRUE;
 }
 
