@@ -7,7 +7,6 @@
 #include "tvx/cs71.h"
 #include "tvx/csp.h"
 #include "tvx/error.h"
-#include "tvx/image.h"
 #include "tvx/list.h"
 #include "tvx/memory.h"
 #include "tvx/ports.h"
