@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "config/extract.h"
 #include "foundation/fail.h"
 #include "foundation/locked.h"
 #include "tvx/config.h"
@@ -14,18 +15,11 @@
 
 namespace {
 
+using tvx::config::unable;
 using Text = char[CONFIG_MAX_STRING + 1];
 
 const char *yes_no(BYTE flag) {
   return flag ? "TRUE" : "FALSE";
-}
-
-// A reader that cannot extract a row: its own message when the stack is clear, otherwise only
-// its name on the error already there.
-bool unable(const char *routine, const char *identifier, const char *section, bool full_stop) {
-  if (tvx::error_pending()) return tvx::qualify(routine);
-  return tvx::fail(ERR_NO_DATA, 0, routine, {}, "unable to extract '%s' from section '%s'%s",
-                   identifier, section, full_stop ? "." : "");
 }
 
 // The CCD reader names the row it gave up on, then adds its own name as well.
@@ -60,9 +54,9 @@ BOOL device_extract(device *record, HANDLE config) {
   static const char *const kOp = "device_extract";
   Text name;
   if (!config_extract_section(config, "DEVICE", 1, 2, "s", name))
-    return unable(kOp, "name", "DEVICE", true);
+    return unable(kOp, "name", "DEVICE");
   if (!config_extract_section(config, "DEVICE", 2, 2, "i", &record->base_address))
-    return unable(kOp, "base_address", "DEVICE", true);
+    return unable(kOp, "base_address", "DEVICE");
   // The unit, where the file declares one third, picks one of several cards; 0 otherwise.
   record->unit = 0;
   if (!config_extract_section(config, "DEVICE", 3, 2, "i", &record->unit) && tvx::error_pending())
@@ -103,7 +97,7 @@ BOOL trans_extract(trans *record, HANDLE config) {
   for (INT32 i = 0; i < static_cast<INT32>(std::size(rows)); ++i)
     if (!config_extract_section(config, "TRANSPUTER", i + 1, 2, rows[i].letter,
                                 rows[i].destination))
-      return unable(kOp, rows[i].identifier, "TRANSPUTER", true);
+      return unable(kOp, rows[i].identifier, "TRANSPUTER");
   char **owned[] = {&record->atlinit_file, &record->boot_file, &record->procinit_file,
                     &record->camera_file};
   for (int i = 0; i < 4; ++i)
@@ -150,7 +144,7 @@ BOOL adc_extract(adc *record, HANDLE config) {
   BOOL last = FALSE;
   for (const Row &r : rows)
     last = config_extract_section(config, "ADC", r.row, r.position, r.letter, r.destination);
-  return last ? TRUE : unable("adc_extract", "shutter", "ADC", false);
+  return last ? TRUE : unable("adc_extract", "shutter", "ADC", {}, false);
 }
 
 void adc_print(const adc *record, FILE *stream) {
@@ -238,3 +232,14 @@ void ccd_dtor(ccd *record) {
 }
 
 }  // extern "C"
+
+namespace tvx::config {
+
+bool unable(const char *routine, const char *identifier, const char *section,
+            std::initializer_list<INT32> causes, bool full_stop) {
+  if (tvx::error_pending()) return tvx::qualify(routine);
+  return tvx::fail(ERR_NO_DATA, 0, routine, causes, "unable to extract '%s' from section '%s'%s",
+                   identifier, section, full_stop ? "." : "");
+}
+
+}  // namespace tvx::config

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "config/extract.h"
 #include "foundation/fail.h"
 #include "sim/settings.h"
 #include "tvx/config.h"
@@ -53,12 +54,8 @@ BOOL simulator_extract(simulator *record, HANDLE config) {
       {"drop_after", "i", &record->drop_after},
   };
   for (INT32 i = 0; i < static_cast<INT32>(std::size(rows)); ++i)
-    if (!config_extract_section(config, "SIMULATOR", i + 1, 2, rows[i].letter,
-                                rows[i].destination)) {
-      if (tvx::error_pending()) return tvx::qualify(kOp);
-      return tvx::fail(ERR_NO_DATA, 0, kOp, {}, "unable to extract '%s' from section 'SIMULATOR'.",
-                       rows[i].identifier);
-    }
+    if (!config_extract_section(config, "SIMULATOR", i + 1, 2, rows[i].letter, rows[i].destination))
+      return tvx::config::unable(kOp, rows[i].identifier, "SIMULATOR");
   // The declaration's selections keep both words short.
   std::snprintf(record->scene, sizeof record->scene, "%.*s",
                 static_cast<int>(sizeof record->scene - 1), scene);

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <iterator>
 
+#include "config/extract.h"
 #include "foundation/fail.h"
 #include "tvx/config.h"
 #include "tvx/memory.h"
@@ -121,9 +122,7 @@ BOOL volts_extract(volts *record, HANDLE config) {
     voltage &v = record->entries[k];
     if (!config_extract_section(config, "VOLTAGES", k + 1, 1, "sff", name, &v.nominal,
                                 &v.tolerance)) {
-      if (tvx::error_pending()) return tvx::qualify(kOp);
-      return tvx::fail(ERR_NO_DATA, 0, kOp, {}, "unable to extract '%s' from section 'VOLTAGES'.",
-                       volts_id_name(k));
+      return tvx::config::unable(kOp, volts_id_name(k), "VOLTAGES");
     }
     char *copy = string_duplicate(name);
     if (copy == nullptr) return tvx::qualify(kOp);
