@@ -7,6 +7,7 @@
 #include "tvx/cs71.h"
 #include "tvx/csp.h"
 #include "tvx/error.h"
+#include "tvx/gain.h"
 #include "tvx/list.h"
 #include "tvx/memory.h"
 #include "tvx/ports.h"
