@@ -18,13 +18,16 @@ class ControllerProgram {
   virtual void receive(WORD item) = 0;
   // Gives the next item for the host, or false when there is nothing to send now.
   virtual bool next_output(WORD &item) = 0;
+  // A link speed in Mbit/s the program has just switched its end of the link to; 0 for none.
+  virtual int take_speed_change() { return 0; }
 };
 
 // Makes the program a boot image names (the boot stream's name is "install").
 using ControllerFactory = std::function<std::unique_ptr<ControllerProgram>(const std::string &)>;
 
 // Replaces the factory used by controllers booted from now on; an empty one restores the
-// default, which runs a program that takes every item and answers nothing.
+// default, which runs the camera server for the boot stream "install" and, for any other, a
+// program that takes every item and answers nothing.
 void set_controller_factory(ControllerFactory factory);
 std::unique_ptr<ControllerProgram> make_controller(const std::string &name);
 

@@ -27,6 +27,7 @@ void Distant::halt(ucode::Verdict why) {
 void Distant::receive(WORD item) {
   if (state_ == State::running) {
     controller_->receive(item);
+    if (int speed = controller_->take_speed_change()) speed_ = speed;
     return;
   }
   if (state_ != State::awaiting_boot) return;

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "foundation/fail.h"
+#include "sim/camera_server.h"
 #include "sim/controller.h"
 #include "sim/settings.h"
 #include "tvx/ports.h"
@@ -68,6 +69,7 @@ void reset_all() {
     if (slot.plugs > 0) port_detach(base);
   slots().clear();
   current = Settings{};
+  reset_camera_faults();
 }
 
 bool plug_card(WORD base) {
@@ -101,6 +103,8 @@ std::unique_ptr<ControllerProgram> make_controller(const std::string &name) {
   if (factory()) {
     if (auto program = factory()(name)) return program;
   }
+  // The boot stream starts the camera server, which takes the rest of the micro code.
+  if (name == "install") return make_camera_server();
   return std::make_unique<QuietProgram>();
 }
 

@@ -57,6 +57,21 @@ enum {
 TVX_API BOOL tvx_test_simulator_set(INT32 setting, INT32 value);
 TVX_API void tvx_test_simulator_reset(void);
 
+/* Faults of the simulated controller's camera server, spoiling the completion of every request
+ * with the given control code (0: of every request) until cleared with TVX_CTL_FAULT_NONE or by
+ * tvx_test_simulator_reset. */
+enum {
+  TVX_CTL_FAULT_NONE = 0,
+  TVX_CTL_NO_REPLY = 1,          /* the request is carried out and nothing is answered */
+  TVX_CTL_WRONG_CONTROL = 2,     /* the completion carries control 99 instead of 100 */
+  TVX_CTL_WRONG_DESTINATION = 3, /* the completion is addressed to 7 */
+  TVX_CTL_WRONG_COUNT = 4,       /* the completion carries one parameter too many */
+  TVX_CTL_STALL_AT_STAGE_9 = 5,  /* hardware initialisation reports stage 9 and stops */
+  TVX_CTL_BAD_STATE_VECTOR = 6   /* droop and offset failed, no shutter hold data */
+};
+/* Fails for an unknown fault or a control code outside 0 .. 255. */
+TVX_API BOOL tvx_test_controller_fault(INT32 fault, INT32 control);
+
 TVX_END_DECLS
 
 #endif

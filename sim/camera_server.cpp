@@ -1,0 +1,488 @@
+#include "sim/camera_server.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+
+#include "foundation/fail.h"
+#include "sim/card.h"
+#include "sim/slot.h"
+#include "sim/ucode.h"
+#include "tvx/report.h"
+#include "tvx/testing.h"
+
+namespace tvx::sim {
+
+namespace {
+
+constexpr int16_t kOwnAddress = 1;
+constexpr int kLongestPacket = 200;
+constexpr size_t kPlaybackChunk = 197;
+constexpr int16_t kDone = 100, kCharacter = 101, kStage = 102;
+
+// The controller's side of the command set: how many parameters each control code carries,
+// how many its completion carries (-1: none is sent), whether it needs the camera program, and
+// the name the recorder writes.
+struct Control {
+  int16_t code;
+  int min_params, max_params;
+  int reply_params;
+  bool needs_camera;
+  const char *name;
+};
+
+// clang-format off
+constexpr Control kControls[] = {
+  {1, 0, 0, 0, false, "probe"},          {2, 1, 1, 0, true, "hwinit"},
+  {3, 1, 1, 1, true, "read adc"},        {4, 1, 1, 1, true, "get voltage"},
+  {5, 2, 2, 0, true, "set voltage"},     {6, 0, 0, 0, true, "droop"},
+  {7, 0, 0, 0, true, "offset"},          {8, 1, 1, 0, true, "blacklevel"},
+  {9, 0, 0, 0, true, "noise trim"},      {10, 2, 2, 0, true, "vss"},
+  {11, 1, 1, 0, true, "pgain"},          {12, 1, 1, 0, true, "time constant"},
+  {13, 1, 1, 0, true, "integration"},    {14, 0, 0, 0, true, "adc calibrate"},
+  {15, 1, 1, 0, true, "adc polarity"},   {16, 1, 1, 0, true, "adc auxiliary"},
+  {17, 5, 5, 0, true, "region"},         {18, 0, 0, 0, true, "start read"},
+  {19, 0, 0, 0, true, "record row"},     {20, 0, 0, 0, true, "flush"},
+  {21, 2, 2, 0, true, "ccd size"},       {22, 2, 2, 0, true, "binning"},
+  {23, 2, 2, 0, true, "expose"},         {24, 0, 0, 0, true, "close shutter"},
+  {25, 0, 0, 0, true, "open shutter"},   {26, 0, 0, 0, true, "empty recorder"},
+  {29, 1, 1, 0, true, "dummy load"},     {30, 1, 1, 0, true, "break ground"},
+  {31, 1, 1, 0, true, "rstclk feed"},    {32, 1, 1, 0, true, "write userport"},
+  {33, 0, 0, 1, true, "read userport"},  {34, 2, 2, 0, true, "write iospace"},
+  {35, 1, 1, 1, true, "read iospace"},   {36, 0, 0, 0, true, "playback"},
+  {38, 0, 197, 0, true, "registers"},    {39, 0, 197, 0, true, "voltages"},
+  {40, 1, 1, 0, true, "adc mode"},       {41, 1, 1, 0, true, "parallel mode"},
+  {42, 1, 1, 0, true, "serial mode"},    {43, 1, 1, -1, false, "link speed"},
+  {44, 1, 1, 0, true, "acdc coupling"},  {45, 0, 0, 0, true, "ccd temperature"},
+  {46, 0, 197, -1, false, "install"},    {47, 0, 197, 0, true, "parallel timing"},
+  {48, 0, 0, 0, true, "read fifo"},      {49, 1, 1, 0, true, "concurrent"},
+  {50, 0, 0, 3, true, "adc constants"},  {51, 0, 196, 0, true, "read sequence"},
+  {52, 0, 0, 0, true, "start sequence"}, {53, 4, 4, 0, true, "shutter widths"},
+  {54, 0, 0, 16, true, "state vector"},  {55, 2, 2, 0, true, "reverse clocks"},
+  {56, 0, 0, -1, true, "test1"},         {57, 0, 0, -1, true, "test2"},
+  {58, 3, 3, 0, true, "ccd read"},       {59, 1, 1, 0, true, "parallel transfers"},
+  {60, 1, 1, 0, true, "parallel multiplier"}, {61, 1, 1, 0, true, "n parallel transfers"},
+  {62, 0, 0, -1, true, "stop"},          {63, 4, 4, 0, true, "shuffle"},
+};
+// clang-format on
+
+const Control *control_of(int16_t code) {
+  for (const Control &c : kControls)
+    if (c.code == code) return &c;
+  return nullptr;
+}
+
+struct Fault {
+  INT32 kind = TVX_CTL_FAULT_NONE;
+  INT32 control = 0;  // the request whose reply is spoilt; 0: every request
+};
+Fault fault;
+
+bool fault_hits(INT32 kind, int16_t control) {
+  return fault.kind == kind && (fault.control == 0 || fault.control == control);
+}
+
+long joined(int16_t low, int16_t high) {
+  return static_cast<long>(static_cast<uint16_t>(low) | static_cast<uint32_t>(high) << 16);
+}
+
+}  // namespace
+
+CameraServer::CameraServer() = default;
+
+void CameraServer::complain(const char *format, ...) {
+  char text[160];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  complaints_.emplace_back(text);
+}
+
+void CameraServer::receive(WORD item) {
+  if (dead_) return;
+  const int byte = item & 0xFF;
+  if (low_byte_ < 0) {
+    low_byte_ = byte;
+    return;
+  }
+  const auto word = static_cast<uint16_t>(low_byte_ | byte << 8);
+  low_byte_ = -1;
+  take_word(word);
+}
+
+void CameraServer::take_word(uint16_t word) {
+  if (expected_ < 0) {
+    const auto count = static_cast<int16_t>(word);
+    if (count < 3 || count > kLongestPacket) {
+      complain("packet size %d", int{count});
+      return;
+    }
+    expected_ = count;
+    words_.clear();
+    return;
+  }
+  words_.push_back(static_cast<int16_t>(word));
+  if (static_cast<int>(words_.size()) < expected_) return;
+  expected_ = -1;
+  Packet p{words_[0], words_[1], words_[2], {words_.begin() + 3, words_.end()}};
+  act(p);
+}
+
+void CameraServer::send(const Packet &request, int16_t control, const std::vector<int16_t> &params,
+                        bool final_reply) {
+  int16_t destination = request.source;
+  std::vector<int16_t> carried = params;
+  if (final_reply) {
+    if (fault_hits(TVX_CTL_NO_REPLY, request.control)) return;
+    if (fault_hits(TVX_CTL_WRONG_CONTROL, request.control)) control = 99;
+    if (fault_hits(TVX_CTL_WRONG_DESTINATION, request.control)) destination = 7;
+    if (fault_hits(TVX_CTL_WRONG_COUNT, request.control)) carried.push_back(0);
+  }
+  std::vector<int16_t> words = {static_cast<int16_t>(3 + carried.size()), destination, kOwnAddress,
+                                control};
+  words.insert(words.end(), carried.begin(), carried.end());
+  // While an exposure runs its completion, and whatever follows it, waits.
+  std::deque<WORD> &queue = ready_at_ == 0 ? out_ : held_;
+  for (int16_t w : words) {
+    queue.push_back(static_cast<WORD>(w) & 0xFF);
+    queue.push_back(static_cast<WORD>(w) >> 8 & 0xFF);
+  }
+}
+
+void CameraServer::progress(const Packet &request, int stages, bool may_stall) {
+  for (int16_t stage = 1; stage <= stages; ++stage) {
+    send(request, kStage, {stage}, false);
+    if (may_stall && stage == 9 && fault_hits(TVX_CTL_STALL_AT_STAGE_9, request.control)) return;
+    send(request, kCharacter, {'*'}, false);
+  }
+  send(request, kDone, {});
+}
+
+bool CameraServer::next_output(WORD &item) {
+  if (out_.empty() && ready_at_ != 0 && time_centiseconds() - ready_at_ < 0x80000000u) {
+    out_.swap(held_);
+    ready_at_ = 0;
+  }
+  if (out_.empty()) return false;
+  item = out_.front();
+  out_.pop_front();
+  return true;
+}
+
+int CameraServer::take_speed_change() {
+  const int speed = speed_change_;
+  speed_change_ = 0;
+  return speed;
+}
+
+void CameraServer::install(const Packet &p) {
+  if (p.params.empty()) {
+    if (!installing_) {
+      installing_ = true;
+      image_.clear();
+    } else {
+      finish_installation();
+    }
+    return;
+  }
+  if (!installing_) return complain("install data outside an installation");
+  for (int16_t v : p.params) image_.push_back(static_cast<uint8_t>(v & 0xFF));
+}
+
+// The files of one installation arrive back to back; each says its own length in its header.
+void CameraServer::finish_installation() {
+  installing_ = false;
+  size_t at = 0;
+  while (at < image_.size()) {
+    const size_t left = image_.size() - at;
+    size_t total = left;
+    if (left >= ucode::kImageHeader)
+      total = std::min(
+          left, ucode::kImageHeader + ucode::le32(image_.data() + at + 6) + ucode::kImageTrailer);
+    std::vector<uint8_t> one(image_.begin() + long(at), image_.begin() + long(at + total));
+    std::string name;
+    const ucode::Verdict verdict = ucode::check_image(one, ucode::kProgramMagic, &name);
+    if (verdict != ucode::Verdict::ok) {
+      complain("installed program %zu: %s", installed_.size() + 1, ucode::verdict_text(verdict));
+      dead_ = true;
+      return;
+    }
+    installed_.push_back(name);
+    if (name == "camera") camera_ready_ = true;
+    at += total;
+  }
+  image_.clear();
+}
+
+void CameraServer::act(const Packet &p) {
+  controls_.push_back(p.control);
+  if (p.destination != kOwnAddress)
+    return complain("packet for %d (control %d)", int{p.destination}, int{p.control});
+  const Control *c = control_of(p.control);
+  if (c == nullptr) return complain("unknown control %d", int{p.control});
+  const int n = static_cast<int>(p.params.size());
+  if (n < c->min_params || n > c->max_params)
+    return complain("control %d with %d parameters", int{p.control}, n);
+  if (c->needs_camera && !camera_ready_)
+    return complain("control %d before the camera program is installed", int{p.control});
+  // The recorder keeps a line for every command it carries out, with its first parameters.
+  if (p.control != 1 && p.control != 36 && p.control != 46) {
+    std::string line = c->name;
+    for (int i = 0; i < n && i < 4; ++i)
+      line += (i == 0 ? " " : ",") + std::to_string(p.params[size_t(i)]);
+    recorder_ += line + "\n";
+  }
+
+  const auto &a = p.params;
+  std::vector<int16_t> reply;
+  CameraState &s = state_;
+  switch (p.control) {
+    case 2:
+      s.blacklevel = static_cast<uint16_t>(a[0]);
+      s.initialised = true;
+      return progress(p, 10, true);
+    case 3:
+      // Multiplexer channels read a few millivolts apart.
+      reply = {static_cast<int16_t>(1000 + 25 * (a[0] - 16))};
+      break;
+    case 4:
+      if (a[0] >= 0 && a[0] < 24) {
+        reply = {s.voltages[size_t(a[0])]};
+      } else if (a[0] == 35 || a[0] == 36) {
+        reply = {static_cast<int16_t>(s.temperature_set ? 17315 : 29315)};  // hundredths kelvin
+      } else {
+        reply = {0};
+      }
+      break;
+    case 5:
+      if (a[0] < 0 || a[0] >= 24) return complain("voltage identifier %d", int{a[0]});
+      s.voltages[size_t(a[0])] = a[1];
+      break;
+    case 6:
+      s.droop_set = true;
+      break;
+    case 7:
+      s.offset_set = true;
+      break;
+    case 8:
+      s.blacklevel = static_cast<uint16_t>(a[0]);
+      return progress(p, 4, false);
+    case 9:
+      s.noise_trimmed = true;
+      return progress(p, 3, false);
+    case 10:
+      s.vss_readout = a[0];
+      s.vss_flush = a[1];
+      break;
+    case 11:
+      if (a[0] != 0 && a[0] != 1) return complain("pgain code %d", int{a[0]});
+      s.pgain_code = a[0];
+      break;
+    case 12:
+      if (a[0] < 0 || a[0] > 3) return complain("time constant code %d", int{a[0]});
+      s.time_constant_code = a[0];
+      break;
+    case 13:
+      s.integration_tenths = a[0];
+      break;
+    case 14:
+      s.adc_calibrated = true;
+      break;
+    case 15:
+      s.adc_polarity = a[0];
+      break;
+    case 16:
+      s.adc_auxiliary = a[0];
+      break;
+    case 17:
+      s.region = {a[0], a[1], a[2], a[3], a[4]};
+      break;
+    case 18:
+    case 52:
+      // The pixel stream is not modelled yet: the read ends at once, with no pixels.
+      ++s.readouts;
+      break;
+    case 19:
+      break;
+    case 20:
+      ++s.flushes;
+      break;
+    case 21:
+      s.ccd_width = a[0];
+      s.ccd_height = a[1];
+      break;
+    case 22:
+      s.xbin = a[0];
+      s.ybin = a[1];
+      break;
+    case 23: {
+      const long ms = joined(a[0], a[1]);
+      ++s.exposures;
+      s.last_exposure_ms = ms;
+      // The completion is held back until the exposure is over.
+      ready_at_ = time_centiseconds() + static_cast<DWORD>(ms / 10);
+      if (ready_at_ == 0) ready_at_ = 1;
+      return send(p, kDone, {});
+    }
+    case 24:
+      s.shutter_open = false;
+      break;
+    case 25:
+      s.shutter_open = true;
+      break;
+    case 26:
+      recorder_.clear();
+      played_ = 0;
+      break;
+    case 29:
+      s.dummy_detector = a[0] != 0;
+      break;
+    case 30:
+      s.break_ground = a[0] != 0;
+      break;
+    case 31:
+      s.rstclk_feed_through = a[0] != 0;
+      break;
+    case 32:
+      s.userport = a[0];
+      break;
+    case 33:
+      reply = {s.userport};
+      break;
+    case 34:
+      if (a[0] < 0 || a[0] >= 40) return complain("ios address %d", int{a[0]});
+      s.iospace[size_t(a[0])] = a[1];
+      break;
+    case 35:
+      if (a[0] < 0 || a[0] >= 40) return complain("ios address %d", int{a[0]});
+      reply = {s.iospace[size_t(a[0])]};
+      break;
+    case 36: {
+      // The recorder goes out a packet at a time; an empty reply ends it and rewinds it.
+      const size_t n_out = std::min(kPlaybackChunk, recorder_.size() - played_);
+      for (size_t i = 0; i < n_out; ++i)
+        reply.push_back(static_cast<int16_t>(static_cast<uint8_t>(recorder_[played_ + i])));
+      played_ = n_out == 0 ? 0 : played_ + n_out;
+      break;
+    }
+    case 38:
+      s.registers = a;
+      break;
+    case 39:
+      s.configured_voltages = a;
+      break;
+    case 40:
+      s.adc_mode = a[0];
+      break;
+    case 41:
+      s.parallel_mode = a[0];
+      break;
+    case 42:
+      s.serial_mode = a[0];
+      break;
+    case 43:
+      if (a[0] != 5 && a[0] != 10 && a[0] != 20) return complain("link speed %d", int{a[0]});
+      speed_change_ = a[0];
+      return;
+    case 44:
+      s.acdc = a[0];
+      break;
+    case 45:
+      s.temperature_set = true;
+      break;
+    case 46:
+      return install(p);
+    case 47:
+      s.parallel_timing = a;
+      break;
+    case 48:
+      break;
+    case 49:
+      s.concurrent = a[0] != 0;
+      break;
+    case 50:
+      reply = {12, -7, 3};
+      break;
+    case 51:
+      if (a.size() % 2 != 0) return complain("read sequence of %zu words", a.size());
+      s.read_sequence.clear();
+      for (size_t i = 0; i < a.size(); i += 2)
+        s.read_sequence.push_back(static_cast<uint32_t>(joined(a[i], a[i + 1])));
+      break;
+    case 53:
+      std::copy(a.begin(), a.end(), s.shutter_widths.begin());
+      break;
+    case 54:
+      // Droop level, offsets and the shutter's hold data, as the controller last measured them.
+      reply = {128, 0, 0, 0, 1, 0, 0, 96, 0, 0, 0, 0, 0, 0, 0, 1};
+      if (fault_hits(TVX_CTL_BAD_STATE_VECTOR, 54)) {
+        reply[0] = 0;
+        reply[7] = 255;
+        reply[15] = 0;
+      }
+      break;
+    case 55:
+      s.reverse_clocks[0] = a[0];
+      s.reverse_clocks[1] = a[1];
+      break;
+    case 56:
+    case 57:
+      return;
+    case 58:
+      s.frames = joined(a[0], a[1]);
+      s.frame_delay = a[2];
+      break;
+    case 59:
+      s.parallel_transfers = a[0];
+      break;
+    case 60:
+      s.parallel_multiplier = a[0];
+      break;
+    case 61:
+      s.n_parallel_transfers = a[0];
+      break;
+    case 62:
+      return;
+    case 63:
+      s.shuffle[0] = a[0];
+      s.shuffle[1] = a[1];
+      s.shuffle_ms = joined(a[2], a[3]);
+      break;
+    default:
+      break;
+  }
+  if (c->reply_params >= 0) send(p, kDone, reply);
+}
+
+CameraServer *camera_server_at(WORD base) {
+  Card *card = card_at(base);
+  if (card == nullptr) return nullptr;
+  return dynamic_cast<CameraServer *>(card->distant().controller());
+}
+
+std::unique_ptr<ControllerProgram> make_camera_server() {
+  return std::make_unique<CameraServer>();
+}
+
+void reset_camera_faults() {
+  fault = Fault{};
+}
+
+}  // namespace tvx::sim
+
+extern "C" {
+
+BOOL tvx_test_controller_fault(INT32 kind, INT32 control) {
+  static const char *const kOp = "tvx_test_controller_fault";
+  if (kind < TVX_CTL_FAULT_NONE || kind > TVX_CTL_BAD_STATE_VECTOR)
+    return tvx::fail(ERR_OUT_OF_RANGE, 0, kOp, {0x1040}, "unknown controller fault %ld.",
+                     long{kind});
+  if (control < 0 || control > 255)
+    return tvx::fail(ERR_OUT_OF_RANGE, 0, kOp, {0x1040}, "invalid control code %ld.",
+                     long{control});
+  tvx::sim::fault = {kind, control};
+  return TRUE;
+}
+
+}  // extern "C"
