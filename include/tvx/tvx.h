@@ -8,6 +8,7 @@
 #include "tvx/csp.h"
 #include "tvx/error.h"
 #include "tvx/gain.h"
+#include "tvx/image.h"
 #include "tvx/list.h"
 #include "tvx/memory.h"
 #include "tvx/ports.h"
