@@ -69,6 +69,8 @@ TVX_API BOOL sysparam_print(HANDLE param, FILE *stream);
 /* A parameter list owns its parameters: deleting it deletes them. */
 TVX_API HANDLE sysparams_new(void);
 TVX_API void sysparams_delete(HANDLE params);
+/* The list of parameter handles, newest first; it belongs to the parameter list. */
+TVX_API HANDLE sysparams_get_list(HANDLE params);
 /* The newest parameter goes first. */
 TVX_API BOOL sysparams_append(HANDLE params, HANDLE param);
 

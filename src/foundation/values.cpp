@@ -333,6 +333,12 @@ HANDLE sysparams_new(void) {
   return params;
 }
 
+HANDLE sysparams_get_list(HANDLE params) {
+  Locked<ParamsRecord> p(params, "sysparams_get_list");
+  if (!p) return tvx::qualify("sysparams_get_list"), nullptr;
+  return p->list;
+}
+
 void sysparams_delete(HANDLE params) {
   static const char *const kOp = "sysparams_delete";
   if (params == nullptr) return;
