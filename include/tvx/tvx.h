@@ -13,6 +13,7 @@
 #include "tvx/memory.h"
 #include "tvx/ports.h"
 #include "tvx/report.h"
+#include "tvx/server.h"
 #include "tvx/sections.h"
 #include "tvx/types.h"
 #include "tvx/values.h"
