@@ -293,6 +293,12 @@ TEST_F(Commands, SilenceIsNoResponse) {
   EXPECT_FALSE(cs71_set_linkspeed(controller_, 10));
   EXPECT_EQ(causes(), std::vector<INT32>{0x300B});
   err_reset_all(stack());
+  wire_.refuse_writes = false;
+  wire_.sent.clear();
+  EXPECT_FALSE(cs71_config_iospace(controller_, "/nonexistent/7100hw.def", nullptr));
+  EXPECT_TRUE(has(last(), "cs71_config_iospace-> configuration of iospace failed")) << last();
+  EXPECT_TRUE(wire_.sent.empty());
+  err_reset_all(stack());
   EXPECT_FALSE(cs71_execute(controller_, 3));
   EXPECT_EQ((*stack())->category, ERR_PROGRAMMER);
 }
