@@ -12,6 +12,7 @@ for target in "$build"/fuzz/*_fuzz; do
   options=()
   case "$name" in
     config) cp data/sim/*.def "$corpus"/; options+=(-max_len=16384) ;;
+    image) options+=(-max_len=8192) ;;
   esac
   if [ -d "fuzz/seeds/$name" ]; then cp "fuzz/seeds/$name"/* "$corpus"/; fi
   echo "== fuzzing $name for ${seconds}s"
