@@ -1,6 +1,7 @@
 #include "sim/camera_server.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 
@@ -14,6 +15,30 @@
 namespace tvx::sim {
 
 namespace {
+
+// Read-only supply and sensor channels, in hundredths of a volt (of a kelvin for temperatures),
+// as a healthy head reads them.
+struct Reading {
+  int channel;
+  int16_t value;
+};
+constexpr Reading kReadOnly[] = {
+    {24, 0},    {25, -1500}, {26, -500}, {27, 500}, {28, 500}, {29, 1500},
+    {30, 2000}, {31, 200},   {32, 427},  {33, 640}, {34, 0},   {37, 30315},
+    {38, 0},    {39, 500},   {40, 500},  {41, 500}, {42, 500},
+};
+
+constexpr double kAmbient = 293.15;  // kelvin
+constexpr double kCoolerTarget = 173.15;
+constexpr double kCoolerTau = 4000.0;  // centiseconds to close two thirds of the gap
+constexpr double kSecondSensor = 0.3;  // the second sensor sits a little warmer
+
+// A small wander of a few hundredths, the same for the same moment: noise a test can repeat.
+int wander(DWORD now, int channel) {
+  uint32_t x = now / 50 * 2654435761u ^ static_cast<uint32_t>(channel) * 40503u;
+  x ^= x >> 15;
+  return static_cast<int>(x % 5) - 2;
+}
 
 constexpr int16_t kOwnAddress = 1;
 constexpr int kLongestPacket = 200;
@@ -247,13 +272,7 @@ void CameraServer::act(const Packet &p) {
       reply = {static_cast<int16_t>(1000 + 25 * (a[0] - 16))};
       break;
     case 4:
-      if (a[0] >= 0 && a[0] < 24) {
-        reply = {s.voltages[size_t(a[0])]};
-      } else if (a[0] == 35 || a[0] == 36) {
-        reply = {static_cast<int16_t>(s.temperature_set ? 17315 : 29315)};  // hundredths kelvin
-      } else {
-        reply = {0};
-      }
+      reply = {read_channel(a[0])};
       break;
     case 5:
       if (a[0] < 0 || a[0] >= 24) return complain("voltage identifier %d", int{a[0]});
@@ -389,6 +408,9 @@ void CameraServer::act(const Packet &p) {
       s.acdc = a[0];
       break;
     case 45:
+      // The cooler sets out from wherever the chip is now.
+      cooler_from_ = chip_kelvin(time_centiseconds());
+      cooler_since_ = time_centiseconds();
       s.temperature_set = true;
       break;
     case 46:
@@ -486,3 +508,28 @@ BOOL tvx_test_controller_fault(INT32 kind, INT32 control) {
 }
 
 }  // extern "C"
+
+namespace tvx::sim {
+
+double CameraServer::chip_kelvin(DWORD now) const {
+  if (!state_.temperature_set) return kAmbient;
+  const double elapsed = static_cast<double>(now - cooler_since_);
+  return kCoolerTarget + (cooler_from_ - kCoolerTarget) * std::exp(-elapsed / kCoolerTau);
+}
+
+int16_t CameraServer::read_channel(int channel) const {
+  const DWORD now = time_centiseconds();
+  if (channel >= 0 && channel < 24) {
+    // Set voltages read back within a few hundredths of what was set.
+    return static_cast<int16_t>(state_.voltages[size_t(channel)] + wander(now, channel));
+  }
+  if (channel == 35 || channel == 36) {
+    const double kelvin = chip_kelvin(now) + (channel == 36 ? kSecondSensor : 0.0);
+    return static_cast<int16_t>(std::lround(kelvin * 100.0) + wander(now, channel));
+  }
+  for (const Reading &r : kReadOnly)
+    if (r.channel == channel) return static_cast<int16_t>(r.value + wander(now, channel));
+  return 0;
+}
+
+}  // namespace tvx::sim

@@ -84,8 +84,15 @@ class CameraServer : public ControllerProgram {
   void send(const Packet &request, int16_t control, const std::vector<int16_t> &params,
             bool final_reply = true);
   void progress(const Packet &request, int stages, bool may_stall);
+  // What the controller's converter reads on a channel, in hundredths.
+  int16_t read_channel(int channel) const;
+  // The chip's temperature at a moment: ambient until the cooler is set, then closing on its
+  // target.
+  double chip_kelvin(DWORD now) const;
 
   CameraState state_;
+  double cooler_from_ = 293.15;  // kelvin when the cooler was last set
+  DWORD cooler_since_ = 0;
   std::vector<std::string> installed_;
   std::vector<std::string> complaints_;
   std::vector<int> controls_;
