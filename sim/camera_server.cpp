@@ -436,10 +436,28 @@ void CameraServer::act(const Packet &p) {
       std::copy(a.begin(), a.end(), s.shutter_widths.begin());
       break;
     case 54:
-      // Droop level, offsets and the shutter's hold data, as the controller last measured them.
-      reply = {128, 0, 0, 0, 1, 0, 0, 96, 0, 0, 0, 0, 0, 0, 0, 1};
+      // Droop level, offsets and the shutter's hold data, as the controller last measured them:
+      // the droop settles higher once it has been set, the offset is measured only once it has
+      // been set, and the hold data tell an open shutter from a closed one.
+      reply = {static_cast<int16_t>(s.droop_set ? 140 : 128),
+               0,
+               0,
+               0,
+               static_cast<int16_t>(s.offset_set ? 1 : 0),
+               0,
+               0,
+               static_cast<int16_t>(s.offset_set ? 96 : 0),
+               0,
+               0,
+               0,
+               0,
+               0,
+               0,
+               0,
+               static_cast<int16_t>(s.shutter_open ? 2 : 1)};
       if (fault_hits(TVX_CTL_BAD_STATE_VECTOR, 54)) {
         reply[0] = 0;
+        reply[4] = 1;
         reply[7] = 255;
         reply[15] = 0;
       }

@@ -123,6 +123,12 @@ TEST_F(Startup, VoltagesFollowTheirAccessAndTemperaturesReadInCelsius) {
   ASSERT_TRUE(server_get_ccd_temperature(server_, &first, &second));
   EXPECT_NEAR(first, 20.0, 0.05) << "ambient before the cooler is set";
   EXPECT_GT(second, first);
+  // The state vector follows what was set: a droop and an offset, then an open shutter.
+  ASSERT_TRUE(server_verify(server_)) << story();
+  ASSERT_TRUE(server_set_droop(server_) && server_set_offset(server_) &&
+              server_open_shutter(server_));
+  EXPECT_TRUE(server_verify(server_)) << story();
+  EXPECT_TRUE(controller().state().offset_set);
 }
 
 TEST_F(Startup, TheTemperatureWaitWatchesTheCoolerSettle) {
