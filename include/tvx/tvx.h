@@ -15,6 +15,7 @@
 #include "tvx/report.h"
 #include "tvx/server.h"
 #include "tvx/sections.h"
+#include "tvx/twenty.h"
 #include "tvx/types.h"
 #include "tvx/values.h"
 
