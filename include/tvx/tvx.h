@@ -3,6 +3,7 @@
 #define TVX_TVX_H
 
 #include "tvx/atlink.h"
+#include "tvx/camera.h"
 #include "tvx/config.h"
 #include "tvx/cs71.h"
 #include "tvx/csp.h"
