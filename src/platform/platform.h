@@ -1,5 +1,6 @@
 // What the host provides to the rest of the library: memory blocks, the clock, the log file, the
-// fatal exit and the library's own identity. Nothing outside src/platform knows it runs on Linux.
+// fatal exit, the serial line and the library's own identity. Nothing outside src/platform knows
+// it runs on Linux.
 #pragma once
 
 #include <cstddef>
@@ -73,6 +74,47 @@ bool log_write(const char *path, const char *text, size_t length, bool crlf);
 // ---- Fatal exit ----------------------------------------------------------------------------
 // Shows the message on stderr and in the log, then ends the process abnormally.
 [[noreturn]] void fatal_exit(const char *message);
+
+// ---- Serial line ---------------------------------------------------------------------------
+// A serial device is a file descriptor of a terminal. Every call that can fail returns a negative
+// value on failure, as the callers above test it.
+
+// The line as the device holds it. Parity is one of 'n', 'o', 'e', 'm', 's'; stop_bits is 1, 2,
+// or 3 for one and a half.
+struct SerialLine {
+  DWORD baud;
+  int data_bits;
+  char parity;
+  int stop_bits;
+};
+// How long a whole transfer may take, in milliseconds: multiplier per byte plus constant; the
+// interval limits the gap between two bytes of a read (0: no limit). A total of 0 does not wait
+// at all, so no transfer waits without bound.
+struct SerialTimeouts {
+  DWORD read_interval, read_multiplier, read_constant;
+  DWORD write_multiplier, write_constant;
+};
+
+// The device a port name ("COM1") stands for: set by serial_map, else /dev/ttyS<n-1> for COM<n>;
+// empty when the name is not a port name and was never mapped.
+bool serial_device(const char *name, char *path, size_t room);
+// Maps a port name to a device path; a null or empty path restores the default.
+bool serial_map(const char *name, const char *path);
+// Opens the device for reading and writing, held by this process alone, without waiting for a
+// carrier. On failure returns -1 and says whether there is no such device at all.
+int serial_open(const char *path, bool *missing);
+int serial_get_line(int port, SerialLine *line);
+int serial_set_line(int port, const SerialLine &line);
+int serial_get_timeouts(int port, SerialTimeouts *timeouts);
+int serial_set_timeouts(int port, const SerialTimeouts &timeouts);
+// Discards what waits in either direction.
+int serial_purge(int port);
+// Lets what was written leave, discards what waits to be read, and closes.
+int serial_close(int port);
+// One transfer of up to `count` bytes within the port's time-outs: the bytes moved, or -1 when
+// the device failed.
+long serial_read(int port, void *buffer, size_t count);
+long serial_write(int port, const void *buffer, size_t count);
 
 // ---- Identity ------------------------------------------------------------------------------
 HANDLE module_handle();
