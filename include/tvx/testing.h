@@ -72,6 +72,9 @@ enum {
 /* Fails for an unknown fault or a control code outside 0 .. 255. */
 TVX_API BOOL tvx_test_controller_fault(INT32 fault, INT32 control);
 
+/* The line definition ("COM2:9600,n,8,1") the last SerialOpen built the port's state from. */
+TVX_API const char *tvx_test_serial_definition(void);
+
 TVX_END_DECLS
 
 #endif

@@ -14,6 +14,7 @@
 #include "tvx/memory.h"
 #include "tvx/ports.h"
 #include "tvx/report.h"
+#include "tvx/rs232.h"
 #include "tvx/sections.h"
 #include "tvx/server.h"
 #include "tvx/twenty.h"
