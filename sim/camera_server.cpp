@@ -14,6 +14,10 @@
 
 namespace tvx::sim {
 
+// A spoilt readout stream, as the test controls ask for.
+StreamFault stream_fault;
+bool no_completion = false;
+
 namespace {
 
 // Read-only supply and sensor channels, in hundredths of a volt (of a kelvin for temperatures),
@@ -144,13 +148,16 @@ void CameraServer::take_word(uint16_t word) {
       return;
     }
     expected_ = count;
-    words_.clear();
+    packet_words_.clear();
     return;
   }
-  words_.push_back(static_cast<int16_t>(word));
-  if (static_cast<int>(words_.size()) < expected_) return;
+  packet_words_.push_back(static_cast<int16_t>(word));
+  if (static_cast<int>(packet_words_.size()) < expected_) return;
   expected_ = -1;
-  Packet p{words_[0], words_[1], words_[2], {words_.begin() + 3, words_.end()}};
+  Packet p{packet_words_[0],
+           packet_words_[1],
+           packet_words_[2],
+           {packet_words_.begin() + 3, packet_words_.end()}};
   act(p);
 }
 
@@ -189,7 +196,7 @@ bool CameraServer::next_output(WORD &item) {
     out_.swap(held_);
     ready_at_ = 0;
   }
-  if (out_.empty()) return false;
+  if (out_.empty()) return stream_next(item);
   item = out_.front();
   out_.pop_front();
   return true;
@@ -319,13 +326,14 @@ void CameraServer::act(const Packet &p) {
       break;
     case 18:
     case 52:
-      // The pixel stream is not modelled yet: the read ends at once, with no pixels.
       ++s.readouts;
-      break;
+      return start_stream(p, p.control == 52);
     case 19:
       break;
     case 20:
       ++s.flushes;
+      charge_since_ = time_centiseconds();
+      light_seconds_ = 0;
       break;
     case 21:
       s.ccd_width = a[0];
@@ -339,6 +347,7 @@ void CameraServer::act(const Packet &p) {
       const long ms = joined(a[0], a[1]);
       ++s.exposures;
       s.last_exposure_ms = ms;
+      light_seconds_ += static_cast<double>(ms) / 1000.0;
       // The completion is held back until the exposure is over.
       ready_at_ = time_centiseconds() + static_cast<DWORD>(ms / 10);
       if (ready_at_ == 0) ready_at_ = 1;
@@ -483,6 +492,12 @@ void CameraServer::act(const Packet &p) {
       s.n_parallel_transfers = a[0];
       break;
     case 62:
+      // The read in progress ends where it is; what the link already holds stays there.
+      if (streaming_) s.stopped = true;
+      streaming_ = false;
+      words_.clear();
+      block_ends_.clear();
+      sent_ = released_ = next_block_ = 0;
       return;
     case 63:
       s.shuffle[0] = a[0];
@@ -507,6 +522,9 @@ std::unique_ptr<ControllerProgram> make_camera_server() {
 
 void reset_camera_faults() {
   fault = Fault{};
+  stream_fault = StreamFault{};
+  no_completion = false;
+  set_scene_settings(SceneSettings{});
 }
 
 }  // namespace tvx::sim
@@ -551,3 +569,222 @@ int16_t CameraServer::read_channel(int channel) const {
 }
 
 }  // namespace tvx::sim
+
+// ---- The readout stream -------------------------------------------------------------------------
+
+namespace tvx::sim {
+
+namespace {
+
+// Integration times above this (in tenths of a microsecond) send each channel's bytes whole.
+constexpr int kWholeBytesAbove = 10;
+constexpr int kTimeConstants[] = {2, 4, 6, 8};
+constexpr int kGains[] = {5, 50};
+constexpr double kBitWeight = 300.0, kFetGain = 1.5, kFetSwitch = 0.5;
+constexpr int kTwoChannels = 17;
+
+}  // namespace
+
+// What the converter's mode and integration time make the controller send.
+int CameraServer::data_mode() const {
+  const int adc = state_.adc_mode;
+  const bool whole = state_.integration_tenths > kWholeBytesAbove;
+  switch (adc & 7) {
+    case 1:
+      return (adc & 0x3F) == kTwoChannels ? 10 : whole ? 9 : 5;
+    case 5:
+      return whole ? 9 : 5;
+    case 3:
+    case 7:
+      return whole ? 18 : 14;
+    default:
+      return 0;
+  }
+}
+
+void CameraServer::start_stream(const Packet &request, bool sequence) {
+  stream_request_ = request;
+  sequence_ = sequence;
+  frames_left_ = sequence || state_.frames < 1 ? 1 : state_.frames;
+  streaming_ = true;
+  state_.stopped = false;
+  frame_open_ = false;
+  frame_at_ = time_centiseconds();
+  // In real time a word takes the pixel time of the selected integration.
+  words_per_cs_ = 0;
+  if (scene_settings().realtime) {
+    const double integration =
+        state_.integration_tenths > 0 ? state_.integration_tenths / 10.0 : 20.0;
+    const double us_per_pixel = 1.14375 * integration + 2.125;
+    words_per_cs_ = 10000.0 / us_per_pixel;
+  }
+}
+
+// Pixels of one frame in the order the controller reads them.
+std::vector<uint32_t> CameraServer::frame_pixels() {
+  const CameraState &s = state_;
+  const int bx = std::max(s.xbin, 1), by = std::max(s.ybin, 1);
+  std::vector<uint32_t> pixels;
+  if (!sequence_) {
+    pixels.reserve(size_t(std::max(s.region.width, 0)) * size_t(std::max(s.region.height, 0)));
+    for (int j = 0; j < s.region.height; ++j)
+      for (int i = 0; i < s.region.width; ++i)
+        pixels.push_back(ccd_.pixel(s.region.x + i * bx, s.region.y + j * by, bx, by));
+    return pixels;
+  }
+  // The sequence, entry by entry: binned rows shifted or skipped, pixels skipped or read.
+  int row = -1, column = 0;
+  const auto &q = s.read_sequence;
+  for (size_t at = 0; at < q.size(); ++at) {
+    size_t first = at, count = 1;
+    uint32_t times = 1;
+    if ((q[at] & 0xF) == 3) {
+      times = q[at] >> 4;
+      count = at + 1 < q.size() ? q[at + 1] : 0;
+      first = at + 2;
+      count = std::min(count, q.size() - std::min(first, q.size()));
+      at = first + count - 1;
+    }
+    for (uint32_t t = 0; t < times; ++t)
+      for (size_t e = first; e < first + count; ++e) {
+        const int value = static_cast<int>(q[e] >> 4);
+        switch (q[e] & 0xF) {
+          case 0:
+            ++row;
+            column = 0;
+            break;
+          case 1:
+            column += value;
+            break;
+          case 2:
+            for (int i = 0; i < value; ++i)
+              pixels.push_back(ccd_.pixel((column + i) * bx, row * by, bx, by));
+            column += value;
+            break;
+          case 4:
+            row += value;
+            column = 0;
+            break;
+          default:
+            complain("read sequence entry %08x", q[e]);
+            break;
+        }
+      }
+  }
+  return pixels;
+}
+
+void CameraServer::begin_frame() {
+  const CameraState &s = state_;
+  const DWORD now = time_centiseconds();
+  ChipSetup chip;
+  chip.width = s.ccd_width;
+  chip.height = s.ccd_height;
+  chip.blacklevel = s.blacklevel;
+  chip.two_channel = (s.adc_mode & 0x3F) == kTwoChannels;
+  const double integration = s.integration_tenths > 0 ? s.integration_tenths / 10.0 : 20.0;
+  chip.electrons_per_level = kBitWeight * kTimeConstants[s.time_constant_code & 3] /
+                             ((kFetSwitch + integration) * kFetGain * kGains[s.pgain_code & 1]);
+  Charge charge;
+  charge.light_seconds = light_seconds_;
+  if (s.shuffle_ms > 0 && frames_left_ > 1) charge.light_seconds += s.shuffle_ms / 1000.0;
+  charge.dark_seconds = static_cast<double>(now - charge_since_) / 100.0;
+  charge.kelvin = chip_kelvin(now);
+  ccd_.begin_frame(chip, charge, static_cast<uint32_t>(s.frames_sent));
+  light_seconds_ = 0;
+  charge_since_ = now;
+
+  StreamFormat format;
+  format.data_mode = data_mode();
+  format.words_per_pixel = chip.two_channel ? 2 : 1;
+  format.raster_pixels = sequence_ ? 1 : std::max(s.region.width, 1);
+  const int16_t k[3] = {12, -7, 3};  // the converter's channel offsets, as control 50 reports
+  std::copy(k, k + 3, format.constants);
+  format.seed = static_cast<uint32_t>(s.readouts * 31 + s.frames_sent);
+  encode_frame(frame_pixels(), format, stream_fault, &words_, &block_ends_);
+  sent_ = released_ = next_block_ = 0;
+  frame_started_ = now;
+  frame_open_ = true;
+}
+
+bool CameraServer::stream_next(WORD &item) {
+  if (!streaming_) return false;
+  const DWORD now = time_centiseconds();
+  if (!frame_open_) {
+    if (static_cast<int32_t>(now - frame_at_) < 0) return false;
+    begin_frame();
+  }
+  // Blocks go out whole: in real time each when its last pixel has been read.
+  while (next_block_ < block_ends_.size() &&
+         (words_per_cs_ == 0 ||
+          static_cast<double>(block_ends_[next_block_]) <= (now - frame_started_) * words_per_cs_))
+    released_ = block_ends_[next_block_++];
+  if (sent_ < released_) {
+    item = words_[sent_++];
+    return true;
+  }
+  if (sent_ < words_.size() || next_block_ < block_ends_.size()) return false;
+  // The frame is out.
+  frame_open_ = false;
+  ++state_.frames_sent;
+  if (stream_fault.stop_after >= 0) {
+    streaming_ = false;  // the stream broke off: nothing more comes
+    return false;
+  }
+  if (--frames_left_ > 0) {
+    const long delay = state_.shuffle_ms > 0 ? state_.shuffle_ms / 10 : state_.frame_delay;
+    frame_at_ = now + static_cast<DWORD>(delay);
+    return stream_next(item);
+  }
+  streaming_ = false;
+  if (!no_completion) send(stream_request_, kDone, {});
+  return next_output(item);
+}
+
+}  // namespace tvx::sim
+
+extern "C" {
+
+BOOL tvx_test_stream_fault(INT32 kind, INT32 value) {
+  static const char *const kOp = "tvx_test_stream_fault";
+  tvx::sim::StreamFault next;
+  bool silent = false;
+  switch (kind) {
+    case TVX_STREAM_FAULT_NONE:
+      break;
+    case TVX_STREAM_BLOCK_SIZE:
+      if (value < 0 || value > 65535)
+        return tvx::fail(ERR_OUT_OF_RANGE, 0, kOp, {0x1040}, "invalid block size %ld.",
+                         long{value});
+      next.block_size = value;
+      break;
+    case TVX_STREAM_STOP_AFTER:
+      if (value < 0)
+        return tvx::fail(ERR_OUT_OF_RANGE, 0, kOp, {0x1040}, "invalid word count %ld.",
+                         long{value});
+      next.stop_after = value;
+      break;
+    case TVX_STREAM_NO_COMPLETION:
+      silent = true;
+      break;
+    default:
+      return tvx::fail(ERR_OUT_OF_RANGE, 0, kOp, {0x1040}, "unknown stream fault %ld.", long{kind});
+  }
+  tvx::sim::stream_fault = next;
+  tvx::sim::no_completion = silent;
+  return TRUE;
+}
+
+BOOL tvx_test_simulator_scene(INT32 scene, INT32 seed, BOOL realtime) {
+  static const char *const kOp = "tvx_test_simulator_scene";
+  if (scene < TVX_SCENE_STARFIELD || scene > TVX_SCENE_DARK)
+    return tvx::fail(ERR_OUT_OF_RANGE, 0, kOp, {0x1040}, "unknown scene %ld.", long{scene});
+  tvx::sim::SceneSettings next = tvx::sim::scene_settings();
+  next.kind = static_cast<tvx::sim::SceneKind>(scene);
+  next.seed = static_cast<uint32_t>(seed);
+  next.realtime = realtime != FALSE;
+  tvx::sim::set_scene_settings(next);
+  return TRUE;
+}
+
+}  // extern "C"

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/ccd.h"
 #include "sim/controller.h"
 #include "tvx/types.h"
 
@@ -51,6 +52,8 @@ struct CameraState {
   bool initialised = false, droop_set = false, offset_set = false, noise_trimmed = false;
   bool temperature_set = false, adc_calibrated = false;
   long flushes = 0, exposures = 0, last_exposure_ms = 0, readouts = 0;
+  long frames_sent = 0;  // frames whose whole stream has been handed to the link
+  bool stopped = false;  // a stop ended the last read
 };
 
 class CameraServer : public ControllerProgram {
@@ -90,7 +93,28 @@ class CameraServer : public ControllerProgram {
   // target.
   double chip_kelvin(DWORD now) const;
 
+  // The readout: frames streamed one after another, then the completion.
+  void start_stream(const Packet &request, bool sequence);
+  void begin_frame();
+  bool stream_next(WORD &item);
+  std::vector<uint32_t> frame_pixels();
+  int data_mode() const;
+
   CameraState state_;
+  Ccd ccd_;
+  bool streaming_ = false;
+  bool sequence_ = false;
+  Packet stream_request_{};
+  long frames_left_ = 0;
+  DWORD frame_at_ = 0;       // when the next frame's stream starts
+  DWORD frame_started_ = 0;  // when the current one started
+  double words_per_cs_ = 0;  // the pixel rate in real time; 0: at once
+  std::vector<uint16_t> words_;
+  std::vector<size_t> block_ends_;
+  size_t sent_ = 0, released_ = 0, next_block_ = 0;
+  bool frame_open_ = false;
+  DWORD charge_since_ = 0;  // the last flush or read
+  double light_seconds_ = 0;
   double cooler_from_ = 293.15;  // kelvin when the cooler was last set
   DWORD cooler_since_ = 0;
   std::vector<std::string> installed_;
@@ -102,7 +126,7 @@ class CameraServer : public ControllerProgram {
   // Assembly of the incoming bytes into words and words into a packet.
   int low_byte_ = -1;
   int expected_ = -1;
-  std::vector<int16_t> words_;
+  std::vector<int16_t> packet_words_;
 
   // Installation: opened and closed by an empty packet of control 46.
   bool installing_ = false;

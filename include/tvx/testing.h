@@ -75,6 +75,21 @@ TVX_API BOOL tvx_test_controller_fault(INT32 fault, INT32 control);
 /* The line definition ("COM2:9600,n,8,1") the last SerialOpen built the port's state from. */
 TVX_API const char *tvx_test_serial_definition(void);
 
+/* The simulated controller's readout stream, spoilt for the next readouts until cleared with
+ * TVX_STREAM_FAULT_NONE or by tvx_test_simulator_reset. */
+enum {
+  TVX_STREAM_FAULT_NONE = 0,
+  TVX_STREAM_BLOCK_SIZE = 1,   /* the first block announces `value` words and carries as many */
+  TVX_STREAM_STOP_AFTER = 2,   /* the stream breaks off after `value` words, with no completion */
+  TVX_STREAM_NO_COMPLETION = 3 /* every pixel is sent and the completion never is */
+};
+TVX_API BOOL tvx_test_stream_fault(INT32 fault, INT32 value);
+
+/* What the simulated CCD looks at: the scenes of the SIMULATOR section, with their seed, and
+ * whether the readout runs at the pixel rate. */
+enum { TVX_SCENE_STARFIELD = 0, TVX_SCENE_COORDINATES = 1, TVX_SCENE_FLAT = 2, TVX_SCENE_DARK = 3 };
+TVX_API BOOL tvx_test_simulator_scene(INT32 scene, INT32 seed, BOOL realtime);
+
 TVX_END_DECLS
 
 #endif

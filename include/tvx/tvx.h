@@ -13,6 +13,7 @@
 #include "tvx/list.h"
 #include "tvx/memory.h"
 #include "tvx/ports.h"
+#include "tvx/readout.h"
 #include "tvx/report.h"
 #include "tvx/rs232.h"
 #include "tvx/sections.h"

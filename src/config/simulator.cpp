@@ -5,6 +5,7 @@
 
 #include "config/extract.h"
 #include "foundation/fail.h"
+#include "sim/scene.h"
 #include "sim/settings.h"
 #include "tvx/config.h"
 #include "tvx/sections.h"
@@ -65,6 +66,15 @@ BOOL simulator_extract(simulator *record, HANDLE config) {
 }
 
 BOOL simulator_apply(const simulator *record) {
+  tvx::sim::SceneSettings scene;
+  if (!tvx::sim::scene_kind_of(record->scene, &scene.kind))
+    return tvx::fail(ERR_OUT_OF_RANGE, 0, "simulator_apply", {}, "unknown simulator scene '%s'.",
+                     record->scene);
+  scene.seed = static_cast<uint32_t>(record->seed);
+  scene.read_noise = record->read_noise;
+  scene.dark_current = record->dark_current;
+  scene.realtime = record->realtime != 0;
+  tvx::sim::set_scene_settings(scene);
   for (const Fault &f : kFaults)
     if (std::strcmp(f.name, record->fault) == 0) {
       tvx::sim::Settings next;

@@ -6,6 +6,7 @@
 #include "server/server_record.h"
 #include "tvx/cs71.h"
 #include "tvx/list.h"
+#include "tvx/readout.h"
 #include "tvx/values.h"
 
 namespace {
@@ -21,9 +22,9 @@ bool execute_named(HANDLE server, const char *bare, const char *program, HANDLE 
   Locked r(server, "server_execute");
   if (!r) return false;
   if (std::strcmp(bare, "readout") == 0) {
-    // Reading out the chip arrives with the readout stream; until then it is refused plainly.
-    return tvx::fail(ERR_NOT_SUPPORTED, 0, "server_execute", {0x1041},
-                     "reading out the ccd is not available in this build.");
+    HANDLE regions = nullptr, images = nullptr;
+    return sysparams_regions_images(sysparams, &regions, &images) &&
+           server_readout_ccd(server, regions, images, sysparams);
   }
   if (std::strcmp(bare, "flush") == 0) return cs71_ccd_flush(r->controller, 1);
   if (std::strcmp(bare, "shutter") == 0) {

@@ -1,0 +1,199 @@
+#include "sim/ccd.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace tvx::sim {
+
+namespace {
+
+constexpr double kFullWell = 150000.0;       // electrons an unbinned pixel holds
+constexpr double kSerialWell = 400000.0;     // electrons the summing well holds
+constexpr double kSecondChannelGain = 16.0;  // channel 2 sees a sixteenth of channel 1's signal
+constexpr double kDarkDoubling = 6.0;        // kelvin per doubling of the dark current
+constexpr size_t kHostBlockBytes = 65464;    // the host never takes a block across its own
+
+uint16_t to_level(double levels) {
+  return static_cast<uint16_t>(std::clamp(std::lround(levels), 0L, 65535L));
+}
+
+uint16_t swapped(uint16_t w) {
+  return static_cast<uint16_t>(w << 8 | w >> 8);
+}
+
+}  // namespace
+
+void Ccd::begin_frame(const ChipSetup &chip, const Charge &charge, uint32_t frame) {
+  chip_ = chip;
+  charge_ = charge;
+  scene_ = scene_settings();
+  flux_ = &scene_flux(scene_, std::max(chip.width - kReferenceColumns, 1), chip.height);
+  random_.seed(scene_.seed * 2654435761u + frame);
+}
+
+uint32_t Ccd::pixel(int x, int y, int bx, int by) {
+  if (scene_.kind == SceneKind::coordinates) {
+    uint16_t sum = 0;
+    for (int j = 0; j < by; ++j)
+      for (int i = 0; i < bx; ++i) sum = static_cast<uint16_t>(sum + coordinate_code(x + i, y + j));
+    return chip_.two_channel ? uint32_t{sum} << 16 | coordinate_second(sum) : sum;
+  }
+  const int active = std::max(chip_.width - kReferenceColumns, 1);
+  const double dark_rate =
+      scene_.dark_current * std::pow(2.0, (charge_.kelvin - 293.15) / kDarkDoubling);
+  double electrons = 0;
+  for (int j = 0; j < by; ++j)
+    for (int i = 0; i < bx; ++i) {
+      const int px = x + i, py = y + j;
+      if (px >= active || py >= chip_.height) continue;  // covered columns gather nothing
+      const double mean =
+          (*flux_)[size_t(py) * size_t(active) + size_t(px)] * charge_.light_seconds +
+          dark_rate * charge_.dark_seconds;
+      double e = mean;
+      if (mean > 0) {
+        if (mean < 30) {
+          e = std::poisson_distribution<long>(mean)(random_);
+        } else {
+          e = std::max(0.0, std::normal_distribution<double>(mean, std::sqrt(mean))(random_));
+        }
+      }
+      electrons += std::min(e, kFullWell);
+    }
+  electrons = std::min(electrons, kSerialWell);
+  const double noise = std::normal_distribution<double>(0.0, scene_.read_noise)(random_);
+  const double first = chip_.blacklevel + (electrons + noise) / chip_.electrons_per_level;
+  if (!chip_.two_channel) return to_level(first);
+  const double second =
+      chip_.blacklevel + (electrons + noise) / (chip_.electrons_per_level * kSecondChannelGain);
+  return uint32_t{to_level(first)} << 16 | to_level(second);
+}
+
+namespace {
+
+// The host's image as output words: 16-bit words, low word of a 32-bit pixel first.
+std::vector<uint16_t> output_words(const std::vector<uint32_t> &pixels, int words_per_pixel) {
+  std::vector<uint16_t> out;
+  out.reserve(pixels.size() * size_t(words_per_pixel));
+  for (uint32_t p : pixels) {
+    out.push_back(static_cast<uint16_t>(p));
+    if (words_per_pixel == 2) out.push_back(static_cast<uint16_t>(p >> 16));
+  }
+  return out;
+}
+
+// Words on the wire for `n` output words starting at `o`, `position` the first word's place in
+// its block (data mode 9 offsets the odd places).
+void encode(const StreamFormat &f, const uint16_t *o, size_t n, size_t position,
+            std::vector<uint16_t> *w) {
+  const auto k = f.constants;
+  auto sub = [](uint16_t v, int16_t c) { return static_cast<uint16_t>(v - uint16_t(c)); };
+  auto hi = [](uint16_t v) { return static_cast<uint16_t>(v >> 8); };
+  auto lo = [](uint16_t v) { return static_cast<uint16_t>(v & 0xFF); };
+  switch (f.data_mode) {
+    case 0:
+      for (size_t i = 0; i < n; ++i) w->push_back(swapped(o[i]));
+      return;
+    case 9:
+      for (size_t i = 0; i < n; ++i)
+        w->push_back(swapped((position + i) % 2 == 1 ? sub(o[i], k[0]) : o[i]));
+      return;
+    case 5:
+      for (size_t i = 0; i + 1 < n; i += 2) {
+        const uint16_t p0 = o[i], q1 = sub(o[i + 1], k[0]);
+        w->push_back(static_cast<uint16_t>(hi(q1) << 8 | hi(p0)));
+        w->push_back(static_cast<uint16_t>(lo(q1) << 8 | lo(p0)));
+      }
+      return;
+    case 10:
+      for (size_t i = 0; i + 1 < n; i += 2) {
+        w->push_back(static_cast<uint16_t>(hi(o[i]) << 8 | hi(o[i + 1])));
+        w->push_back(static_cast<uint16_t>(lo(o[i]) << 8 | lo(o[i + 1])));
+      }
+      return;
+    case 14:
+      for (size_t i = 0; i + 3 < n; i += 4) {
+        const uint16_t p0 = o[i], q1 = sub(o[i + 1], k[0]), q2 = sub(o[i + 2], k[1]),
+                       q3 = sub(o[i + 3], k[2]);
+        w->push_back(static_cast<uint16_t>(hi(q1) << 8 | hi(p0)));
+        w->push_back(static_cast<uint16_t>(hi(q3) << 8 | hi(q2)));
+        w->push_back(static_cast<uint16_t>(lo(q1) << 8 | lo(p0)));
+        w->push_back(static_cast<uint16_t>(lo(q3) << 8 | lo(q2)));
+      }
+      return;
+    case 18:
+      // Three pixels in four words: the second word goes to a channel the host overwrites.
+      for (size_t i = 0; i + 2 < n; i += 3) {
+        w->push_back(swapped(o[i]));
+        w->push_back(swapped(sub(o[i + 1], k[0])));
+        w->push_back(swapped(sub(o[i + 1], k[1])));
+        w->push_back(swapped(sub(o[i + 2], k[2])));
+      }
+      return;
+    default:
+      for (size_t i = 0; i < n; ++i) w->push_back(o[i]);
+      return;
+  }
+}
+
+// Words a block must be a multiple of, and output words per wire word (as a ratio).
+int multiple_of(int mode) {
+  return mode == 5 || mode == 10 ? 2 : mode == 14 || mode == 18 ? 4 : 1;
+}
+
+}  // namespace
+
+void encode_frame(const std::vector<uint32_t> &pixels, const StreamFormat &f,
+                  const StreamFault &fault, std::vector<uint16_t> *words,
+                  std::vector<size_t> *block_ends) {
+  words->clear();
+  block_ends->clear();
+  const std::vector<uint16_t> out = output_words(pixels, f.words_per_pixel);
+  const size_t raster_words = size_t(f.raster_pixels) * size_t(f.words_per_pixel);
+  const size_t rasters = std::max<size_t>(kHostBlockBytes / (raster_words * 2), 1);
+  const size_t host_block = rasters * raster_words;
+  const size_t multiple = size_t(multiple_of(f.data_mode));
+  uint32_t state = f.seed * 747796405u + 2891336453u;
+  auto next_size = [&state, multiple](size_t left) {
+    state = state * 1664525u + 1013904223u;
+    const size_t most = std::min<size_t>(30 / multiple * multiple, left);
+    if (most < multiple) return left;  // a remnant the host will refuse, as it must
+    return (1 + (state >> 16) % (most / multiple)) * multiple;
+  };
+  bool first = true;
+  for (size_t start = 0; start < out.size(); start += host_block) {
+    // Wire words the host counts for this pixel block: its size in output words.
+    const size_t count = std::min(host_block, out.size() - start);
+    std::vector<uint16_t> wire;
+    if (f.data_mode == 18) {
+      // Four wire words per three pixels, as many wire words as the block has output words.
+      encode(f, out.data() + start, count / 4 * 3, 0, &wire);
+      wire.resize(count, 0);
+    } else {
+      encode(f, out.data() + start, count, 0, &wire);
+      wire.resize(count, 0);
+    }
+    size_t at = 0;
+    while (at < wire.size()) {
+      size_t size = next_size(wire.size() - at);
+      if (first && fault.block_size >= 0) size = size_t(fault.block_size);
+      first = false;
+      if (f.data_mode == 9) {
+        // Mode 9 offsets the odd places of each block: encode the block in place again.
+        std::vector<uint16_t> again;
+        encode(f, out.data() + start + at, std::min(size, count - at), 0, &again);
+        std::copy(again.begin(), again.end(), wire.begin() + long(at));
+      }
+      words->push_back(static_cast<uint16_t>(size));
+      for (size_t i = 0; i < size; ++i) words->push_back(at + i < wire.size() ? wire[at + i] : 0);
+      at += size;
+      block_ends->push_back(words->size());
+    }
+  }
+  if (fault.stop_after >= 0 && size_t(fault.stop_after) < words->size()) {
+    words->resize(size_t(fault.stop_after));
+    while (!block_ends->empty() && block_ends->back() > words->size()) block_ends->pop_back();
+    block_ends->push_back(words->size());
+  }
+}
+
+}  // namespace tvx::sim
