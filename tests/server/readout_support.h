@@ -78,6 +78,8 @@ class ReadoutTest : public ConfigTest {
   // The acquisition parameters; regions and images (or image lists) as given.
   HANDLE params(INT32 columns, INT32 rows, INT32 bx, INT32 by, HANDLE region_list,
                 HANDLE image_list, bool lists = false) {
+    // The camera tells the controller its binning before each acquisition.
+    EXPECT_TRUE(server_set_binning(server_, bx, by)) << story();
     if (params_ != nullptr) sysparams_delete(params_);
     params_ = sysparams_new();
     const std::pair<INT32, INT32> ints[] = {{SYSPARAM_XSIZE, columns},
