@@ -17,6 +17,24 @@ namespace tvx_test {
 
 constexpr WORD kSimBase = 0x150;
 
+// A pixel of any depth up to 32 bits.
+// Every record of the stack with its qualifications, after which the stack is cleared.
+inline std::string whole_story() {
+  std::string text = print_all(ERR_MODE_TRACEBACK);
+  if ((*stack())->category != 0) err_reset_all(stack());
+  return text;
+}
+
+inline uint32_t pixel_at(HANDLE image, int column, int row) {
+  INT32 w = 0, h = 0, d = 0;
+  image_size(image, &w, &h, &d);
+  const auto *raster = static_cast<const BYTE *>(image_lockraster(image, row));
+  uint32_t v = 0;
+  std::memcpy(&v, raster + column * (d / 8), size_t(d / 8));
+  image_unlockraster(image, row);
+  return v;
+}
+
 class ReadoutTest : public ConfigTest {
  protected:
   void SetUp() override {
@@ -101,15 +119,7 @@ class ReadoutTest : public ConfigTest {
     return wide ? uint32_t{sum} << 16 | static_cast<uint16_t>(~sum) : sum;
   }
 
-  static uint32_t pixel(HANDLE image, int column, int row) {
-    INT32 w = 0, h = 0, d = 0;
-    image_size(image, &w, &h, &d);
-    const auto *raster = static_cast<const BYTE *>(image_lockraster(image, row));
-    uint32_t v = 0;
-    std::memcpy(&v, raster + column * (d / 8), size_t(d / 8));
-    image_unlockraster(image, row);
-    return v;
-  }
+  static uint32_t pixel(HANDLE image, int column, int row) { return pixel_at(image, column, row); }
 
   // Counts the pixels of `image` that differ from the scene read from chip (x0, y0) binned
   // bx x by; the first few are described in `where`.
