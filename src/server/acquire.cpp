@@ -13,6 +13,7 @@
 #include "tvx/image.h"
 #include "tvx/list.h"
 #include "tvx/ports.h"
+#include "tvx/readout.h"
 #include "tvx/report.h"
 #include "tvx/values.h"
 
@@ -380,6 +381,53 @@ BOOL server_expose_ccd(HANDLE server, INT32 milliseconds) {
     if (tvx::error_pending()) err_reset_all(tvx::errors());
   }
   return cs71_ccd_expose(r->controller, milliseconds) ? TRUE : qualify(kOp);
+}
+
+}  // extern "C"
+
+extern "C" {
+
+BOOL server_shuffle_mode(HANDLE server, HANDLE region, HANDLE image, INT32 exposure_time,
+                         INT32 x_binning, INT32 y_binning, server_grab_fn user_function,
+                         void *user_argument) {
+  static const char *const kOp = "server_shuffle_mode";
+  Locked r(server, kOp);
+  if (!r) return refused(kOp);
+  INT32 x, y, w, h;
+  if (!region_rect(region, &x, &y, &w, &h, nullptr, kOp)) return FALSE;
+  const Fitted f =
+      fit(x, y, w, h, x_binning, y_binning, false, wants_even(r->converter.mode, x_binning));
+  const INT32 depth = readout_depth(r->converter.mode);
+  if (!cs71_set_region(r->controller, 0, f.x, f.y, f.width, f.height) ||
+      !cs71_set_shuffle_mode(r->controller, 2, 2, exposure_time) ||
+      !image_check_size(image, f.width, f.height, depth))
+    return qualify(kOp);
+  report *info = nullptr;
+  report_where_is(REPORT_INFO, &info);
+  report_send(info, "Region to readout %ld, %ld   %ld, %ld\n", long{f.x}, long{f.y}, long{f.width},
+              long{f.height});
+  report_send(info, "Exposure time %ld\n", long{exposure_time});
+  report_send(info, "Image is %ld x %ld x %ld\n", long{f.width}, long{f.height}, long{depth});
+  for (;;) {
+    if (!cs71_set_ccd_read(r->controller, kShuffleReads, 0) || !cs71_start_ccd_read(r->controller))
+      return qualify(kOp);
+    for (INT32 i = 0; i < kShuffleReads; ++i) {
+      INT32 mode = 0;
+      const tvx::link::Constants k = constants_of(*r);
+      if (!data_mode_of(*r, &mode) ||
+          !cs71_grab(r->controller, r->link, image, mode, k.c1, k.c2, k.c3))
+        return qualify(kOp);
+      if (user_function(user_argument) != 0) continue;
+      report_send(info, "User function ended grab loop at %ld loops\n", long{i});
+      // The controller may have sent part of the next frame before it took the stop: the FIFO
+      // reset drops it, so the next command's reply is not read behind stale pixels.
+      if (!cs71_stop(r->controller) || !atlink_fifo_reset(r->link)) return qualify(kOp);
+      return TRUE;
+    }
+    report_send(info, "Waiting end of %ld loops ...", long{kShuffleReads});
+    if (!cs71_wait_complete(r->controller, 0, 0)) return qualify(kOp);
+    report_send(info, "done\n");
+  }
 }
 
 }  // extern "C"

@@ -205,3 +205,33 @@ TEST_F(Acquisition, FrameSeriesFlushExposeAndKeepTheirPeriod) {
 }
 
 }  // namespace
+
+namespace {
+
+using namespace tvx_test;
+
+struct Grabs {
+  int left;
+};
+BYTE another(void *argument) {
+  return --static_cast<Grabs *>(argument)->left > 0 ? 1 : 0;
+}
+
+TEST_F(Acquisition, ShuffleModeGrabsUntilTheUserEndsIt) {
+  bring_up();
+  set_mode(1, 4.0);
+  HANDLE list = images();
+  list_append_tail(list, image_new(1, 1, 16));
+  HANDLE image = list_get_nth_object(list, 1);
+  Grabs grabs{3};
+  ASSERT_TRUE(server_shuffle_mode(server_, list_get_nth_object(regions({{4, 4, 16, 8}}), 1), image,
+                                  100, 1, 1, another, &grabs))
+      << whole_story();
+  EXPECT_EQ(grabs.left, 0);
+  EXPECT_NE(caught().find("User function ended grab loop at 2 loops"), std::string::npos);
+  std::string where;
+  EXPECT_EQ(mismatches(image, 4, 4, 1, 1, &where), 0) << where;
+  EXPECT_TRUE(server_responding(server_)) << "the link is clean after the stop";
+}
+
+}  // namespace
