@@ -89,8 +89,13 @@ BOOL server_empty_recorder(HANDLE s) {
 BOOL server_record_ccd_row(HANDLE s) {
   return send(s, "server_record_ccd_row", cs71_record_ccd_row);
 }
-BOOL server_set_adc_mode(HANDLE s, INT32 mode) {
-  return send(s, "server_set_adc_mode", [mode](HANDLE c) { return cs71_set_adc_mode(c, mode); });
+BOOL server_set_adc_mode(HANDLE server, INT32 mode) {
+  static const char *const kOp = "server_set_adc_mode";
+  Locked r(server, kOp);
+  if (!r || !cs71_set_adc_mode(r->controller, mode)) return refused(kOp);
+  // The data mode and the depth of the images read from now on follow the converter.
+  r->converter.mode = mode;
+  return TRUE;
 }
 BOOL server_set_binning(HANDLE s, INT32 x, INT32 y) {
   return send(s, "server_set_binning", [x, y](HANDLE c) { return cs71_set_binning(c, x, y); });
@@ -105,9 +110,13 @@ BOOL server_set_ccd_temp(HANDLE s, double t) {
 BOOL server_set_droop(HANDLE s) {
   return send(s, "server_set_droop", cs71_set_droop);
 }
-BOOL server_set_integration_time(HANDLE s, double t) {
-  return send(s, "server_set_integration_time",
-              [t](HANDLE c) { return cs71_set_integr_time(c, t); });
+BOOL server_set_integration_time(HANDLE server, double time) {
+  static const char *const kOp = "server_set_integration_time";
+  Locked r(server, kOp);
+  if (!r || !cs71_set_integr_time(r->controller, time)) return refused(kOp);
+  // The data mode of the next readout depends on it.
+  r->gains.current.integr_time = time;
+  return TRUE;
 }
 BOOL server_set_noise_trim(HANDLE s) {
   return send(s, "server_set_noise_trim", cs71_set_noise_trim);

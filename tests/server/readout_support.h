@@ -73,9 +73,6 @@ class ReadoutTest : public ConfigTest {
   void set_mode(INT32 adc_mode, double integration) {
     ASSERT_TRUE(server_set_adc_mode(server_, adc_mode)) << story();
     ASSERT_TRUE(server_set_integration_time(server_, integration)) << story();
-    tvx::server::Locked r(server_, "test");
-    r->converter.mode = adc_mode;
-    r->gains.current.integr_time = integration;
   }
 
   HANDLE regions(std::initializer_list<std::array<INT32, 4>> rects) {

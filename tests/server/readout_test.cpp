@@ -101,10 +101,7 @@ TEST_F(Acquisition, RegionsAreFittedToTheBinningGrid) {
   region_get(out, &x, &y, &w, &h);
   EXPECT_EQ(x, 12);
   EXPECT_EQ(w, 3);
-  {
-    tvx::server::Locked r(server_, "test");
-    r->converter.mode = 53;
-  }
+  ASSERT_TRUE(server_set_adc_mode(server_, 53)) << story();
   ASSERT_TRUE(
       server_set_readout_region(server_, params(1030, 64, 2, 1, nullptr, nullptr), nullptr, out));
   region_get(out, &x, &y, &w, &h);
