@@ -135,8 +135,7 @@ TEST_F(Controller, EveryCommandAfterBootInstallAndLinkSpeed) {
   // The commands that await nothing, each followed by what a caller reads next.
   // A started read streams pixels: a stop ends it, and a FIFO reset drops what was already sent.
   ASSERT_TRUE(cs71_start_ccd_read(c) && cs71_stop(c) && atlink_fifo_reset(link_)) << last_text();
-  ASSERT_TRUE(cs71_start_ccd_rdseq(c) && cs71_stop(c) && atlink_fifo_reset(link_))
-      << last_text();
+  ASSERT_TRUE(cs71_start_ccd_rdseq(c) && cs71_stop(c) && atlink_fifo_reset(link_)) << last_text();
   ASSERT_TRUE(cs71_test1(c) && cs71_test2(c) && cs71_responding(c));
 
   const auto &s = sim().state();
