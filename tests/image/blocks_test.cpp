@@ -1,7 +1,5 @@
 // The image record and its pixel blocks: block arithmetic and limits, raster locking and copying
 // with their messages, printing, names, and allocation failures that leave nothing behind.
-#include <cstdio>
-#include <functional>
 #include <string>
 
 #include "image_support.h"
@@ -11,18 +9,10 @@ namespace {
 
 using Blocks = ImageTest;
 
-struct Layout {
-  INT32 width, height, depth;
-  INT32 raster_size, rasters_per_block, block_cnt, last_rasters;
-};
-
-// The record and table as the library keeps them.
-Layout layout_of(HANDLE image) {
-  Layout l{};
+// Raster size, rasters per block, block count and rasters in the last block, as the library
+// keeps them, after checking that every block holds whole rasters within the block limit.
+std::array<INT32, 4> layout_of(HANDLE image) {
   auto *rec = static_cast<image_rec *>(handle_lock(image, "test"));
-  l.width = rec->width, l.height = rec->height, l.depth = rec->depth;
-  l.raster_size = rec->raster_size, l.rasters_per_block = rec->rasters_per_block;
-  l.block_cnt = rec->block_cnt;
   auto *table = static_cast<image_block *>(handle_lock(rec->pixel_blocks, "test"));
   for (INT32 b = 0; b < rec->block_cnt; ++b) {
     EXPECT_EQ(table[b].size, table[b].rasters * static_cast<DWORD>(rec->raster_size));
@@ -31,7 +21,8 @@ Layout layout_of(HANDLE image) {
       EXPECT_EQ(table[b].rasters, DWORD(rec->rasters_per_block));
     }
   }
-  l.last_rasters = static_cast<INT32>(table[rec->block_cnt - 1].rasters);
+  std::array<INT32, 4> l{rec->raster_size, rec->rasters_per_block, rec->block_cnt,
+                         static_cast<INT32>(table[rec->block_cnt - 1].rasters)};
   handle_unlock(rec->pixel_blocks, "test");
   handle_unlock(image, "test");
   return l;
@@ -40,30 +31,26 @@ Layout layout_of(HANDLE image) {
 TEST_F(Blocks, RastersArePackedIntoBlocksOfAtMost65464Bytes) {
   struct Case {
     INT32 width, height, depth;
-    INT32 raster_size, rasters_per_block, block_cnt, last_rasters;
+    std::array<INT32, 4> layout;
   };
   const Case cases[] = {
-      {1024, 1024, 16, 2048, 31, 34, 1},  // 33 full blocks and one raster over
-      {65464, 3, 8, 65464, 1, 3, 1},      // one raster fills a block
-      {100, 10, 12, 200, 327, 1, 10},     // 12 bits take two bytes
-      {7, 5, 1, 7, 9352, 1, 5},
-      {1000, 131, 32, 4000, 16, 9, 3},
-      {10, 3, 24, 30, 2182, 1, 3},
-      {2000, 64, 16, 4000, 16, 4, 16},  // an exact number of full blocks: no short one
+      {1024, 1024, 16, {2048, 31, 34, 1}},  // 33 full blocks and one raster over
+      {65464, 3, 8, {65464, 1, 3, 1}},      // one raster fills a block
+      {100, 10, 12, {200, 327, 1, 10}},     // 12 bits take two bytes
+      {7, 5, 1, {7, 9352, 1, 5}},
+      {1000, 131, 32, {4000, 16, 9, 3}},
+      {10, 3, 24, {30, 2182, 1, 3}},
+      {2000, 64, 16, {4000, 16, 4, 16}},  // an exact number of full blocks: no short one
   };
   for (const Case &c : cases) {
     HANDLE img = image(c.width, c.height, c.depth);
     ASSERT_NE(img, nullptr);
-    Layout l = layout_of(img);
-    EXPECT_EQ(l.raster_size, c.raster_size) << c.width << "x" << c.depth;
-    EXPECT_EQ(l.rasters_per_block, c.rasters_per_block) << c.width << "x" << c.depth;
-    EXPECT_EQ(l.block_cnt, c.block_cnt) << c.width << "x" << c.depth;
-    EXPECT_EQ(l.last_rasters, c.last_rasters) << c.width << "x" << c.depth;
+    EXPECT_EQ(layout_of(img), c.layout) << c.width << "x" << c.depth;
     INT32 ppb = 0;
     EXPECT_TRUE(image_pixels_per_block(img, &ppb));
-    EXPECT_EQ(ppb, c.width * c.rasters_per_block);
-    EXPECT_EQ(image_getpixelsize(img), (c.depth + 7) / 8);
-    EXPECT_EQ(image_getrastersize(img), c.raster_size);
+    EXPECT_EQ(ppb, c.width * c.layout[1]);
+    EXPECT_EQ(image_getpixelsize(img) * c.width, c.layout[0]);
+    EXPECT_EQ(image_getrastersize(img), c.layout[0]);
   }
 }
 
@@ -83,14 +70,11 @@ TEST_F(Blocks, SizesThatCannotBeImagesAreRefusedAndLoseNothing) {
   };
   for (const Refusal &r : refusals) {
     EXPECT_EQ(image_new(r.width, r.height, r.depth), nullptr) << r.text;
-    EXPECT_EQ(top_category(), r.category) << r.text;
-    EXPECT_EQ(terminal_routine(), "image_allocatepixels");
-    EXPECT_EQ(terminal_text(), r.text);
     EXPECT_TRUE(has_cause(r.cause)) << r.text;
     EXPECT_NE(print_last(ERR_MODE_TRACEBACK).find("unable to allocate image"), std::string::npos);
-    story();
+    expect_error(r.category, "image_allocatepixels", r.text);
   }
-  // A refused resize keeps the pixels the image had.
+  // A refused resize keeps the pixels the image had, and so does a matching size.
   HANDLE img = image(20, 20, 16);
   fill_pattern(img);
   EXPECT_FALSE(image_allocatepixels(img, 20, 20, 0));
@@ -104,8 +88,7 @@ TEST_F(Blocks, EveryFailedAllocationIsReportedAndFreesWhatItTook) {
   // The record, the table and three blocks: fail each in turn.
   for (INT32 nth = 1; nth <= 5; ++nth) {
     tvx_test_fail_allocation(nth, FALSE);
-    HANDLE img = image_new(1024, 70, 16);
-    EXPECT_EQ(img, nullptr) << nth;
+    EXPECT_EQ(image_new(1024, 70, 16), nullptr) << nth;
     EXPECT_EQ(tvx_test_injected_failures(), 1) << nth;
     EXPECT_NE(story().find("unable to allocate image (1024 x 70 x 16)"), std::string::npos);
   }
@@ -116,8 +99,7 @@ TEST_F(Blocks, EveryFailedAllocationIsReportedAndFreesWhatItTook) {
   EXPECT_FALSE(image_check_size(img, 10, 10, 16));
   story();
   EXPECT_EQ(image_lockraster(img, 0), nullptr);
-  EXPECT_EQ(terminal_text(), "image has no pixels.");
-  story();
+  expect_text("image has no pixels.");
   EXPECT_FALSE(image_write(img, path("x.img").c_str()));
   story();
   EXPECT_TRUE(image_check_size(img, 10, 10, 16)) << "the same size allocates again";
@@ -138,8 +120,7 @@ TEST_F(Blocks, RasterLocksAreCountedPerBlock) {
   };
   auto *a = static_cast<BYTE *>(image_lockraster(img, 3));
   auto *b = static_cast<BYTE *>(image_lockraster(img, 30));
-  ASSERT_NE(a, nullptr);
-  ASSERT_NE(b, nullptr);
+  ASSERT_TRUE(a != nullptr && b != nullptr);
   EXPECT_EQ(b - a, 27 * 2048) << "two rows of one block lie in the same block";
   EXPECT_EQ(lock_count(0), 2u);
   EXPECT_EQ(lock_count(1), 0u);
@@ -153,48 +134,13 @@ TEST_F(Blocks, RasterLocksAreCountedPerBlock) {
   EXPECT_EQ(lock_count(0), 0u);
   EXPECT_EQ(get_pixel(img, 3, 0) & 0xFF, 0x5Au);
   EXPECT_EQ(get_pixel(img, 30, 1023) >> 8, 0xA5u);
-  // A row of the last block lands at its offset there.
-  auto *last = static_cast<BYTE *>(image_lockraster(img, 63));
-  ASSERT_NE(last, nullptr);
+  // A row of the last block is counted there.
+  ASSERT_NE(image_lockraster(img, 63), nullptr);
   EXPECT_EQ(lock_count(2), 1u);
   EXPECT_TRUE(image_unlockraster(img, 63));
 }
 
-TEST_F(Blocks, RowsOffTheImageAreRefusedWithTheirOwnWords) {
-  HANDLE img = image(16, 8, 8);
-  HANDLE buffer = handle_allocate(16, 1, MEM_PLAIN);
-  struct Off {
-    std::function<bool()> call;
-    const char *routine;
-    INT32 category;
-    const char *text;
-  };
-  const Off cases[] = {
-      {[&] { return image_lockraster(img, 8) != nullptr; }, "image_lockraster", ERR_OUT_OF_RANGE,
-       "requested raster (8) off image (height is 8)."},
-      {[&] { return image_lockraster(img, -1) != nullptr; }, "image_lockraster", ERR_OUT_OF_RANGE,
-       "requested raster (-1) off image (height is 8)."},
-      {[&] { return image_unlockraster(img, 9) != 0; }, "image_unlockraster", ERR_OUT_OF_RANGE,
-       "requested raster (9) off image (height is 8)."},
-      {[&] { return image_getraster(img, 8, buffer) != 0; }, "image_getraster", ERR_NO_DATA,
-       "Requested raster (8) off image (height is 8)."},
-      {[&] { return image_setraster(img, 8, buffer) != 0; }, "image_setraster", ERR_NO_DATA,
-       "requested raster (8) off image (height is 8)."},
-  };
-  for (const Off &c : cases) {
-    EXPECT_FALSE(c.call()) << c.text;
-    EXPECT_EQ(top_category(), c.category) << c.text;
-    EXPECT_EQ(terminal_routine(), c.routine);
-    EXPECT_EQ(terminal_text(), c.text);
-    story();
-  }
-  EXPECT_FALSE(image_lockraster(img, 8));
-  EXPECT_TRUE(has_cause(0x1040));
-  story();
-  handle_free(buffer, "test");
-}
-
-TEST_F(Blocks, RastersCopyInAndOutThroughABufferHandle) {
+TEST_F(Blocks, RastersCopyInAndOutThroughABufferHandleAndNotOffTheImage) {
   HANDLE img = image(300, 500, 16);  // 109 rasters a block
   fill_pattern(img);
   HANDLE buffer = handle_allocate(600, 1, MEM_PLAIN);
@@ -207,54 +153,66 @@ TEST_F(Blocks, RastersCopyInAndOutThroughABufferHandle) {
   EXPECT_EQ(get_pixel(img, 499, 0), 0x1234u);
   EXPECT_EQ(get_pixel(img, 499, 299), pattern(218, 299, 16));
   EXPECT_EQ(get_pixel(img, 498, 0), pattern(498, 0, 16)) << "its neighbour is untouched";
+  // Rows off the image, each refusal in its own words.
+  EXPECT_EQ(image_lockraster(img, 500), nullptr);
+  EXPECT_TRUE(has_cause(0x1040));
+  expect_error(ERR_OUT_OF_RANGE, "image_lockraster",
+               "requested raster (500) off image (height is 500).");
+  EXPECT_EQ(image_lockraster(img, -1), nullptr);
+  expect_error(ERR_OUT_OF_RANGE, "image_lockraster",
+               "requested raster (-1) off image (height is 500).");
+  EXPECT_FALSE(image_unlockraster(img, 501));
+  expect_error(ERR_OUT_OF_RANGE, "image_unlockraster",
+               "requested raster (501) off image (height is 500).");
+  EXPECT_FALSE(image_getraster(img, 500, buffer));
+  expect_error(ERR_NO_DATA, "image_getraster", "Requested raster (500) off image (height is 500).");
+  EXPECT_FALSE(image_setraster(img, 500, buffer));
+  expect_error(ERR_NO_DATA, "image_setraster", "requested raster (500) off image (height is 500).");
   handle_free(buffer, "test");
   // A buffer that cannot hold a raster is refused rather than overrun.
   HANDLE small = handle_allocate(599, 1, MEM_PLAIN);
   EXPECT_FALSE(image_getraster(img, 0, small));
-  EXPECT_EQ(terminal_text(), "buffer of 599 bytes too small for a raster of 600 bytes.");
-  story();
+  expect_text("buffer of 599 bytes too small for a raster of 600 bytes.");
   handle_free(small, "test");
 }
 
-TEST_F(Blocks, PrintFormsAndNames) {
+TEST_F(Blocks, PrintFormsNamesAndEquality) {
   HANDLE img = image(1024, 40, 12);
-  char *text = nullptr;
-  size_t size = 0;
-  FILE *out = open_memstream(&text, &size);
-  EXPECT_TRUE(image_print(img, out));
-  EXPECT_TRUE(image_set_signed(img, TRUE));
-  EXPECT_TRUE(image_print(img, out));
-  EXPECT_TRUE(image_print_details(img, out));
-  std::fclose(out);
-  std::string printed(text, size);
-  std::free(text);
+  std::string text = printed([&](FILE *out) {
+    EXPECT_TRUE(image_print(img, out));
+    EXPECT_TRUE(image_set_signed(img, TRUE));
+    EXPECT_TRUE(image_print(img, out));
+    EXPECT_TRUE(image_print_details(img, out));
+  });
   const std::string line =
       "image(width 1024 height 40 depth 12 block_cnt 2 rasters_per_block 31 raster_size 2048 ";
   const std::string head =
       line + "unsigned pixels)\n" + line + "signed pixels)\n" + "image record: memrec(class 1038";
-  EXPECT_EQ(printed.substr(0, head.size()), head);
-  EXPECT_NE(printed.find("pixel_blocks: memrec(class 2000, size 76,"), std::string::npos);
-  EXPECT_NE(printed.find("block 0: memrec(class 0, size 63516,"), std::string::npos);
-  EXPECT_NE(printed.find("block 1: memrec(class 0, size 18460,"), std::string::npos);
+  EXPECT_EQ(text.substr(0, head.size()), head);
+  EXPECT_NE(text.find("pixel_blocks: memrec(class 2000, size 76,"), std::string::npos);
+  EXPECT_NE(text.find("block 0: memrec(class 0, size 63516,"), std::string::npos);
+  EXPECT_NE(text.find("block 1: memrec(class 0, size 18460,"), std::string::npos);
   EXPECT_FALSE(image_print_details(nullptr, stdout));
-  EXPECT_EQ(terminal_text(), "invalid image handle");
-  story();
+  expect_text("invalid image handle");
+  INT32 w = 0, h = 0;
+  EXPECT_FALSE(image_size(img, &w, &h, nullptr));
+  expect_error(ERR_INCONSISTENT, "image_size", "invalid argument");
 
   EXPECT_EQ(image_getname(img), nullptr);
   EXPECT_TRUE(image_setname(img, "dark frame"));
   EXPECT_STREQ(image_getname(img), "dark frame");
   EXPECT_TRUE(image_setname(img, nullptr));
   EXPECT_EQ(image_getname(img), nullptr);
-  EXPECT_TRUE(image_setname(img, "flat"));  // freed with the image
+  HANDLE list = list_new();
+  HANDLE named = image_new(4, 4, 8);
+  image_setname(named, "bias");  // freed with the image
+  list_append_tail(list, image_new(4, 4, 8));
+  list_append_tail(list, named);
+  EXPECT_EQ(image_list_find_name(list, "bias"), named);
+  EXPECT_EQ(image_list_find_name(list, "dark"), nullptr);
+  EXPECT_TRUE(image_list_delete(list));  // deletes both images
 
-  INT32 w = 0, h = 0;
-  EXPECT_FALSE(image_size(img, &w, &h, nullptr));
-  EXPECT_EQ(terminal_text(), "invalid argument");
-  EXPECT_EQ(top_category(), ERR_INCONSISTENT);
-  story();
-}
-
-TEST_F(Blocks, ImagesAreEqualByShapeAndEveryPixel) {
+  // Equal by shape and every pixel; a difference is no error.
   HANDLE a = image(100, 700, 16), b = image(100, 700, 16);
   fill_pattern(a);
   fill_pattern(b);
@@ -263,16 +221,7 @@ TEST_F(Blocks, ImagesAreEqualByShapeAndEveryPixel) {
   EXPECT_FALSE(image_equal(a, b));
   EXPECT_FALSE(image_equal(a, image(100, 700, 15)));
   EXPECT_FALSE(image_equal(a, image(700, 100, 16)));
-  EXPECT_EQ(top_category(), ERR_NONE) << "a difference is no error";
-
-  HANDLE list = list_new();
-  HANDLE named = image_new(4, 4, 8);
-  image_setname(named, "bias");
-  list_append_tail(list, image_new(4, 4, 8));
-  list_append_tail(list, named);
-  EXPECT_EQ(image_list_find_name(list, "bias"), named);
-  EXPECT_EQ(image_list_find_name(list, "dark"), nullptr);
-  EXPECT_TRUE(image_list_delete(list));  // deletes both images
+  EXPECT_EQ(top_category(), ERR_NONE);
 }
 
 }  // namespace

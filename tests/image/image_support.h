@@ -4,6 +4,8 @@
 
 #include <unistd.h>
 
+#include <array>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -25,41 +27,54 @@ inline INT32 bytes_per_pixel(INT32 depth) {
   return (depth + 7) / 8;
 }
 
+inline std::array<INT32, 3> size_of(HANDLE image) {
+  std::array<INT32, 3> s{};
+  image_size(image, &s[0], &s[1], &s[2]);
+  return s;
+}
+
 inline DWORD get_pixel(HANDLE image, INT32 r, INT32 c) {
-  INT32 w = 0, h = 0, d = 0;
-  image_size(image, &w, &h, &d);
   auto *row = static_cast<BYTE *>(image_lockraster(image, r));
   if (row == nullptr) return 0xDEADBEEF;
   DWORD v = 0;
-  INT32 size = bytes_per_pixel(d);
+  INT32 size = bytes_per_pixel(size_of(image)[2]);
   for (INT32 i = size - 1; i >= 0; --i) v = (v << 8) | row[c * size + i];
   image_unlockraster(image, r);
   return v;
 }
 
 inline void set_pixel(HANDLE image, INT32 r, INT32 c, DWORD v) {
-  INT32 w = 0, h = 0, d = 0;
-  image_size(image, &w, &h, &d);
   auto *row = static_cast<BYTE *>(image_lockraster(image, r));
   ASSERT_NE(row, nullptr);
-  INT32 size = bytes_per_pixel(d);
+  INT32 size = bytes_per_pixel(size_of(image)[2]);
   for (INT32 i = 0; i < size; ++i) row[c * size + i] = static_cast<BYTE>(v >> (8 * i));
   image_unlockraster(image, r);
 }
 
-// Fills every pixel with pattern(r, c, depth).
+// Fills every pixel with pattern(r, c, depth), a raster at a time.
 inline void fill_pattern(HANDLE image) {
-  INT32 w = 0, h = 0, d = 0;
-  image_size(image, &w, &h, &d);
-  INT32 size = bytes_per_pixel(d);
+  auto [w, h, d] = size_of(image);
   for (INT32 r = 0; r < h; ++r) {
     auto *row = static_cast<BYTE *>(image_lockraster(image, r));
     ASSERT_NE(row, nullptr);
-    for (INT32 c = 0; c < w; ++c)
-      for (INT32 i = 0; i < size; ++i)
-        row[c * size + i] = static_cast<BYTE>(pattern(r, c, d) >> (8 * i));
+    for (INT32 i = 0; i < w * bytes_per_pixel(d); ++i)
+      row[i] = static_cast<BYTE>(pattern(r, i / bytes_per_pixel(d), d) >>
+                                 (8 * (i % bytes_per_pixel(d))));
     image_unlockraster(image, r);
   }
+}
+
+// What a print routine writes to a stream.
+template <class Print>
+std::string printed(Print print) {
+  char *text = nullptr;
+  size_t size = 0;
+  FILE *out = open_memstream(&text, &size);
+  print(out);
+  std::fclose(out);
+  std::string s(text, size);
+  std::free(text);
+  return s;
 }
 
 // Byte strings of file fields in either order.
@@ -135,8 +150,7 @@ class ImageTest : public FrameTest {
   void TearDown() override {
     for (HANDLE image : made_) image_delete(image);
     made_.clear();
-    std::string command = "rm -rf " + dir_;
-    EXPECT_EQ(std::system(command.c_str()), 0);
+    EXPECT_EQ(std::system(("rm -rf " + dir_).c_str()), 0);
     FrameTest::TearDown();
   }
 
@@ -144,8 +158,7 @@ class ImageTest : public FrameTest {
   HANDLE image(INT32 w, INT32 h, INT32 depth) {
     HANDLE img = image_new(w, h, depth);
     EXPECT_NE(img, nullptr) << print_all(ERR_MODE_BRIEF);
-    if (img != nullptr) made_.push_back(img);
-    return img;
+    return keep(img);
   }
   // Takes an image made by the library into the test's care.
   HANDLE keep(HANDLE img) {
@@ -153,12 +166,11 @@ class ImageTest : public FrameTest {
     return img;
   }
 
-  std::string file(const std::string &name, const std::string &bytes) {
-    std::string path = dir_ + "/" + name;
-    std::ofstream(path, std::ios::binary) << bytes;
-    return path;
-  }
   std::string path(const std::string &name) const { return dir_ + "/" + name; }
+  std::string file(const std::string &name, const std::string &bytes) {
+    std::ofstream(path(name), std::ios::binary) << bytes;
+    return path(name);
+  }
   static std::string contents(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
@@ -171,21 +183,33 @@ class ImageTest : public FrameTest {
     return text;
   }
   static INT32 top_category() { return (*stack())->category; }
-  // The entry of the routine that set the top error, and its text.
-  static std::string terminal_routine() {
+  // The entry of the routine that set the top error.
+  static const err_trace *terminal() {
     const err_trace *t = (*stack())->trace;
     while (t != nullptr && t->next != nullptr) t = t->next;
-    return t != nullptr ? t->routine : "";
+    return t;
   }
+  static std::string terminal_routine() { return terminal() ? terminal()->routine : ""; }
   static std::string terminal_text() {
-    const err_trace *t = (*stack())->trace;
-    while (t != nullptr && t->next != nullptr) t = t->next;
-    return t != nullptr && t->text != nullptr ? t->text : "";
+    return terminal() && terminal()->text ? terminal()->text : "";
   }
   static bool has_cause(INT32 cause) {
     for (const err_cause *c = (*stack())->causes; c != nullptr; c = c->next)
       if (c->cause == cause) return true;
     return false;
+  }
+  // The words of the top error; the stack is then cleared.
+  void expect_text(const std::string &text) {
+    EXPECT_EQ(terminal_text(), text);
+    story();
+  }
+  // The top error's category, the routine that set it and its words; the stack is then cleared.
+  void expect_error(INT32 category, const std::string &routine, const std::string &text,
+                    const std::string &what = "") {
+    EXPECT_EQ(top_category(), category) << what;
+    EXPECT_EQ(terminal_routine(), routine) << what;
+    EXPECT_EQ(terminal_text(), text) << what;
+    story();
   }
 
   std::string dir_;

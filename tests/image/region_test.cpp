@@ -1,7 +1,7 @@
 // Regions and copies: the region check and clipping, cutting across block boundaries, fills,
 // blits, pastes, mirrored copies and right-angle transforms, and the region list helpers.
-#include <cstdio>
 #include <string>
+#include <utility>
 
 #include "image_support.h"
 #include "tvx/list.h"
@@ -12,36 +12,33 @@ namespace {
 using Regions = ImageTest;
 
 TEST_F(Regions, ARegionMustLieOnTheImageButMayStartOnItsFarEdge) {
-  struct Case {
-    region_rec r;
-    bool valid;
+  const std::array<INT32, 5> cases[] = {
+      // x, y, width, height, valid on 100 x 50
+      {0, 0, 100, 50, 1},
+      {100, 0, 0, 50, 1},
+      {0, 50, 100, 0, 1},
+      {99, 49, 1, 1, 1},
+      {100, 0, 1, 1, 0},
+      {0, 0, 101, 50, 0},
+      {60, 10, 41, 5, 0},
+      {0, 45, 10, 6, 0},
+      {-1, 0, 10, 10, 0},
+      {5, 5, -2, 3, 0},
+      {0x7FFFFFF0, 0, 0x7FFFFFF0, 1, 0},
   };
-  const Case cases[] = {
-      {{0, nullptr, 0, 0, 100, 50}, true},
-      {{0, nullptr, 100, 0, 0, 50}, true},
-      {{0, nullptr, 0, 50, 100, 0}, true},
-      {{0, nullptr, 99, 49, 1, 1}, true},
-      {{0, nullptr, 100, 0, 1, 1}, false},
-      {{0, nullptr, 0, 0, 101, 50}, false},
-      {{0, nullptr, 60, 10, 41, 5}, false},
-      {{0, nullptr, 0, 45, 10, 6}, false},
-      {{0, nullptr, -1, 0, 10, 10}, false},
-      {{0, nullptr, 5, 5, -2, 3}, false},
-      {{0, nullptr, 0x7FFFFFF0, 0, 0x7FFFFFF0, 1}, false},
-  };
-  for (const Case &c : cases) {
-    EXPECT_EQ(region_valid(&c.r, 100, 50, "chip") != 0, c.valid) << c.r.x << "," << c.r.y;
-    if (!c.valid) {
-      EXPECT_EQ(top_category(), ERR_OUT_OF_RANGE);
+  for (const auto &c : cases) {
+    region_rec r{0, nullptr, c[0], c[1], c[2], c[3]};
+    EXPECT_EQ(region_valid(&r, 100, 50, "chip") != 0, c[4] == 1) << c[0] << "," << c[1];
+    if (!c[4]) {
       EXPECT_TRUE(has_cause(0x1040));
+      EXPECT_EQ(top_category(), ERR_OUT_OF_RANGE);
       story();
     }
   }
   region_rec off{0, nullptr, 90, 40, 20, 5};
   EXPECT_FALSE(region_valid(&off, 100, 50, "source image"));
-  EXPECT_EQ(terminal_text(), "region specification (90 40, 20 5) off source image (100 x 50)");
-  EXPECT_EQ(terminal_routine(), "region_valid");
-  story();
+  expect_error(ERR_OUT_OF_RANGE, "region_valid",
+               "region specification (90 40, 20 5) off source image (100 x 50)");
 }
 
 TEST_F(Regions, CuttingARegionCrossesBlockBoundariesRowByRow) {
@@ -54,11 +51,7 @@ TEST_F(Regions, CuttingARegionCrossesBlockBoundariesRowByRow) {
     HANDLE out = nullptr;
     ASSERT_TRUE(image_region(src, r, &out)) << story();
     keep(out);
-    INT32 w = 0, h = 0, d = 0;
-    image_size(out, &w, &h, &d);
-    EXPECT_EQ(w, 37);
-    EXPECT_EQ(h, 50);
-    EXPECT_EQ(d, depth);
+    EXPECT_EQ(size_of(out), (std::array<INT32, 3>{37, 50, depth}));
     for (INT32 i = 0; i < 50; ++i)
       for (INT32 c : {0, 36})
         ASSERT_EQ(get_pixel(out, i, c), pattern(20 + i, width - 37 + c, depth)) << depth;
@@ -96,12 +89,8 @@ TEST_F(Regions, FailedCutsSayWhyAndLeaveNoImageBehind) {
 }
 
 TEST_F(Regions, FillsStoreTheValueByPixelSizeInsideTheRegionOnly) {
-  struct Case {
-    INT32 depth;
-    DWORD expected;
-  };
-  for (const Case &c : {Case{8, 0x78u}, Case{16, 0x5678u}, Case{32, 0x12345678u}}) {
-    HANDLE img = image(200, 400, c.depth);
+  for (auto [depth, expected] : {std::pair{8, 0x78u}, {16, 0x5678u}, {32, 0x12345678u}}) {
+    HANDLE img = image(200, 400, depth);
     fill_pattern(img);
     HANDLE r = region_new(150, 100, 60, 300, nullptr);  // runs off the right: refused
     EXPECT_FALSE(image_set_region(img, r, 0x12345678));
@@ -111,10 +100,10 @@ TEST_F(Regions, FillsStoreTheValueByPixelSizeInsideTheRegionOnly) {
     region_delete(r);
     r = region_new(150, 100, 50, 300, "band");
     ASSERT_TRUE(image_set_region(img, r, 0x12345678));
-    EXPECT_EQ(get_pixel(img, 100, 150), c.expected);
-    EXPECT_EQ(get_pixel(img, 399, 199), c.expected);
-    EXPECT_EQ(get_pixel(img, 99, 150), pattern(99, 150, c.depth));
-    EXPECT_EQ(get_pixel(img, 100, 149), pattern(100, 149, c.depth));
+    EXPECT_EQ(get_pixel(img, 100, 150), expected);
+    EXPECT_EQ(get_pixel(img, 399, 199), expected);
+    EXPECT_EQ(get_pixel(img, 99, 150), pattern(99, 150, depth));
+    EXPECT_EQ(get_pixel(img, 100, 149), pattern(100, 149, depth));
     region_delete(r);
   }
 }
@@ -131,9 +120,7 @@ TEST_F(Regions, BlitsCopyWholeRastersBlockByBlockAndCutAtTheLastRaster) {
   EXPECT_EQ(get_pixel(img, 24, 1023), 0u);
   // Off the image: the error is set and nothing copied, yet the blit reports success.
   EXPECT_TRUE(image_blit(img, 100, 1, rows.data()));
-  EXPECT_EQ(terminal_text(), "requested blit off image.");
-  EXPECT_EQ(top_category(), ERR_OUT_OF_RANGE);
-  story();
+  expect_error(ERR_OUT_OF_RANGE, "image_blit", "requested blit off image.");
   EXPECT_FALSE(image_blit(img, 0, 1, nullptr));
   story();
 }
@@ -173,80 +160,75 @@ TEST_F(Regions, TransformsMapEveryPixelByRightAngles) {
   const INT32 w = 70, h = 1000;  // 2-byte pixels, 467 rasters a block: three blocks
   HANDLE src = image(w, h, 16);
   fill_pattern(src);
-  struct Case {
-    INT32 op;
-    bool swaps;
-    // Where the result's pixel (r, c) comes from, written out independently.
-    INT32 (*row)(INT32 r, INT32 c);
-    INT32 (*col)(INT32 r, INT32 c);
+  using From = std::pair<INT32, INT32> (*)(INT32 r, INT32 c);  // the source of result (r, c)
+  const std::pair<INT32, From> cases[] = {
+      {IMAGE_FLIP_ROWS,
+       [](INT32 r, INT32 c) {
+         return std::pair{h - 1 - r, c};
+       }},
+      {IMAGE_FLIP_COLUMNS,
+       [](INT32 r, INT32 c) {
+         return std::pair{r, w - 1 - c};
+       }},
+      {IMAGE_ROTATE_90,
+       [](INT32 r, INT32 c) {
+         return std::pair{h - 1 - c, r};
+       }},
+      {IMAGE_ROTATE_180,
+       [](INT32 r, INT32 c) {
+         return std::pair{h - 1 - r, w - 1 - c};
+       }},
+      {IMAGE_ROTATE_270,
+       [](INT32 r, INT32 c) {
+         return std::pair{c, w - 1 - r};
+       }},
+      {IMAGE_TRANSPOSE,
+       [](INT32 r, INT32 c) {
+         return std::pair{c, r};
+       }},
   };
-  const Case cases[] = {
-      {IMAGE_FLIP_ROWS, false, [](INT32 r, INT32) { return h - 1 - r; },
-       [](INT32, INT32 c) { return c; }},
-      {IMAGE_FLIP_COLUMNS, false, [](INT32 r, INT32) { return r; },
-       [](INT32, INT32 c) { return w - 1 - c; }},
-      {IMAGE_ROTATE_90, true, [](INT32, INT32 c) { return h - 1 - c; },
-       [](INT32 r, INT32) { return r; }},
-      {IMAGE_ROTATE_180, false, [](INT32 r, INT32) { return h - 1 - r; },
-       [](INT32, INT32 c) { return w - 1 - c; }},
-      {IMAGE_ROTATE_270, true, [](INT32, INT32 c) { return c; },
-       [](INT32 r, INT32) { return w - 1 - r; }},
-      {IMAGE_TRANSPOSE, true, [](INT32, INT32 c) { return c; }, [](INT32 r, INT32) { return r; }},
-  };
-  for (const Case &c : cases) {
+  for (auto [op, from] : cases) {
     HANDLE out = nullptr;
-    ASSERT_TRUE(image_transform(src, &out, c.op)) << story();
+    ASSERT_TRUE(image_transform(src, &out, op)) << story();
     keep(out);
-    INT32 ow = 0, oh = 0, od = 0;
-    image_size(out, &ow, &oh, &od);
-    EXPECT_EQ(ow, c.swaps ? h : w);
-    EXPECT_EQ(oh, c.swaps ? w : h);
+    bool swaps = op == IMAGE_ROTATE_90 || op == IMAGE_ROTATE_270 || op == IMAGE_TRANSPOSE;
+    auto [ow, oh, od] = size_of(out);
+    EXPECT_EQ(ow, swaps ? h : w);
+    EXPECT_EQ(oh, swaps ? w : h);
     for (INT32 r = 0; r < oh; r += 13)
-      for (INT32 col = 0; col < ow; col += 17)
-        ASSERT_EQ(get_pixel(out, r, col), pattern(c.row(r, col), c.col(r, col), 16)) << c.op;
+      for (INT32 c = 0; c < ow; c += 17)
+        ASSERT_EQ(get_pixel(out, r, c), pattern(from(r, c).first, from(r, c).second, 16)) << op;
   }
-  // Clockwise: the first raster becomes the last column.
-  HANDLE turned = nullptr;
+  // A quarter turn each way brings back every pixel.
+  HANDLE turned = nullptr, back = nullptr;
   ASSERT_TRUE(image_transform(src, &turned, IMAGE_ROTATE_90));
-  keep(turned);
-  EXPECT_EQ(get_pixel(turned, 5, h - 1), pattern(0, 5, 16));
-  HANDLE back = nullptr;
-  ASSERT_TRUE(image_transform(turned, &back, IMAGE_ROTATE_270));
-  keep(back);
-  EXPECT_TRUE(image_equal(src, back));
-
+  ASSERT_TRUE(image_transform(keep(turned), &back, IMAGE_ROTATE_270));
+  EXPECT_TRUE(image_equal(src, keep(back)));
   HANDLE out = nullptr;
   EXPECT_FALSE(image_transform(src, &out, 6));
-  EXPECT_EQ(terminal_text(), "unknown transform 6.");
-  story();
+  expect_text("unknown transform 6.");
 }
 
 TEST_F(Regions, RegionRecordsListsAndOrder) {
   HANDLE list = list_new();
   for (INT32 x : {30, 10, 20}) list_append_tail(list, region_new(x, 1, 2, 3, "r"));
   ASSERT_TRUE(list_sort(list, region_exchangefn1));
-  INT32 xs[3] = {};
+  std::vector<INT32> xs;
   for (INT32 i = 1; i <= 3; ++i) {
-    INT32 x = 0, y = 0, w = 0, h = 0;
-    ASSERT_TRUE(region_get(list_get_nth_object(list, i), &x, &y, &w, &h));
-    xs[i - 1] = x;
+    INT32 x = 0, y = 0, rw = 0, rh = 0;
+    ASSERT_TRUE(region_get(list_get_nth_object(list, i), &x, &y, &rw, &rh));
+    xs.push_back(x);
   }
-  EXPECT_EQ(xs[0], 10);
-  EXPECT_EQ(xs[2], 30);
+  EXPECT_EQ(xs, (std::vector<INT32>{10, 20, 30}));
   EXPECT_FALSE(region_exchangefn1(nullptr, list_get_nth_object(list, 1)));
-
   HANDLE r = list_get_nth_object(list, 1);
-  char *text = nullptr;
-  size_t size = 0;
-  FILE *out = open_memstream(&text, &size);
-  region_print(r, out);
-  region_setname(r, nullptr);
-  region_print(r, out);
-  std::fclose(out);
-  EXPECT_EQ(std::string(text, size),
+  EXPECT_EQ(printed([&](FILE *out) {
+              region_print(r, out);
+              region_setname(r, nullptr);
+              region_print(r, out);
+            }),
             "region(name r, x 10, y 1, width 2, height 3)"
             "region(name (null), x 10, y 1, width 2, height 3)");
-  std::free(text);
   EXPECT_TRUE(region_list_delete(list));
 }
 
