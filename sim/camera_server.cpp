@@ -520,7 +520,12 @@ std::unique_ptr<ControllerProgram> make_camera_server() {
   return std::make_unique<CameraServer>();
 }
 
+// A failing cooler: the chip warms this many kelvin a minute once the cooler has been set.
+double cooler_drift = 0.0;
+constexpr double kMinute = 6000.0;  // centiseconds
+
 void reset_camera_faults() {
+  cooler_drift = 0.0;
   fault = Fault{};
   stream_fault = StreamFault{};
   no_completion = false;
@@ -543,6 +548,10 @@ BOOL tvx_test_controller_fault(INT32 kind, INT32 control) {
   return TRUE;
 }
 
+void tvx_test_cooler_drift(double kelvin_per_minute) {
+  tvx::sim::cooler_drift = kelvin_per_minute;
+}
+
 }  // extern "C"
 
 namespace tvx::sim {
@@ -550,7 +559,8 @@ namespace tvx::sim {
 double CameraServer::chip_kelvin(DWORD now) const {
   if (!state_.temperature_set) return kAmbient;
   const double elapsed = static_cast<double>(now - cooler_since_);
-  return kCoolerTarget + (cooler_from_ - kCoolerTarget) * std::exp(-elapsed / kCoolerTau);
+  return kCoolerTarget + (cooler_from_ - kCoolerTarget) * std::exp(-elapsed / kCoolerTau) +
+         cooler_drift * elapsed / kMinute;
 }
 
 int16_t CameraServer::read_channel(int channel) const {

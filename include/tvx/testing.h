@@ -90,6 +90,10 @@ TVX_API BOOL tvx_test_stream_fault(INT32 fault, INT32 value);
 enum { TVX_SCENE_STARFIELD = 0, TVX_SCENE_COORDINATES = 1, TVX_SCENE_FLAT = 2, TVX_SCENE_DARK = 3 };
 TVX_API BOOL tvx_test_simulator_scene(INT32 scene, INT32 seed, BOOL realtime);
 
+/* Makes the simulated cooler fail: from the moment it is next set, the chip warms this many
+ * kelvin a minute instead of holding its target; 0 holds it steady again (the default). */
+TVX_API void tvx_test_cooler_drift(double kelvin_per_minute);
+
 TVX_END_DECLS
 
 #endif

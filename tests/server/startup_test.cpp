@@ -146,6 +146,15 @@ TEST_F(Startup, TheTemperatureWaitWatchesTheCoolerSettle) {
   const DWORD again = time_centiseconds();
   ASSERT_TRUE(server_wait_ccd_temperature(server_));
   EXPECT_LT(time_centiseconds() - again, 100u);
+
+  // A failing cooler never settles: the wait gives up on its bound.
+  tvx_test_cooler_drift(4.0);
+  ASSERT_TRUE(server_set_ccd_temp(server_, -100.0));
+  delay_seconds(120);
+  EXPECT_FALSE(server_wait_ccd_temperature(server_));
+  EXPECT_NE(print_last(ERR_MODE_BRIEF).find("ccd temperature did not settle within 30 minutes"),
+            std::string::npos)
+      << print_last(ERR_MODE_TRACEBACK);
 }
 
 TEST_F(Startup, EachStepThatFailsLeavesNothingBehind) {
