@@ -4,6 +4,7 @@
 #ifndef TVX_CAMERA_H
 #define TVX_CAMERA_H
 
+#include "tvx/readout.h"
 #include "tvx/sections.h"
 #include "tvx/server.h"
 #include "tvx/types.h"
@@ -11,6 +12,14 @@
 TVX_BEGIN_DECLS
 
 #define CAMERA_OPERATION_COUNTERS 24
+/* What the first of the operation counters count; the rest are kept at 0 for later use. */
+enum {
+  CAMERA_COUNT_READOUTS = 0,  /* camera_readout_ccd calls that succeeded */
+  CAMERA_COUNT_FRAMES = 1,    /* frames of camera_expose_and_readout_ccd that were processed */
+  CAMERA_COUNT_EXPOSURES = 2, /* camera_expose_ccd and series of frames */
+  CAMERA_COUNT_FLUSHES = 3,   /* runs of the flush program */
+  CAMERA_COUNT_FAILURES = 4   /* acquisitions that failed */
+};
 
 /* One measured voltage of camera_get_allvoltages: its value, and whether it could be read. */
 typedef struct camera_voltage {
@@ -73,6 +82,28 @@ TVX_API void camera_print(HANDLE camera, FILE *stream);
 TVX_API void camera_print_ccd(HANDLE camera, FILE *stream);
 TVX_API void camera_print_volts(HANDLE camera, FILE *stream);
 TVX_API void camera_print_camprogs(HANDLE camera, FILE *stream);
+
+/* Taking pictures. The images are processed by the operation mode: 0 raw, 1 image zero measured,
+ * 2 processed with image zero subtracted (signed), 3 processed keeping a pedestal of 256. */
+TVX_API BOOL camera_readout_regions(HANDLE camera, HANDLE *regions, BOOL *made);
+TVX_API BOOL camera_readout_ccd(HANDLE camera, HANDLE regions, HANDLE images);
+TVX_API BOOL camera_expose_ccd(HANDLE camera, INT32 milliseconds);
+TVX_API BOOL camera_expose_and_readout_ccd(HANDLE camera, HANDLE regions, HANDLE image_lists,
+                                           INT32 milliseconds, INT32 frame_delay);
+TVX_API BOOL camera_flush_ccd(HANDLE camera, INT32 count);
+TVX_API BOOL camera_open_shutter(HANDLE camera);
+TVX_API BOOL camera_close_shutter(HANDLE camera);
+TVX_API BOOL camera_allocate_all_images(HANDLE camera, HANDLE regions, HANDLE images,
+                                        HANDLE sysparams);
+TVX_API BOOL camera_shuffle_mode(HANDLE camera, HANDLE region, HANDLE image, INT32 milliseconds,
+                                 server_grab_fn user_function, void *user_argument);
+TVX_API BOOL camera_process_images(HANDLE camera, HANDLE images);
+TVX_API BOOL camera_measure_iz(HANDLE camera, HANDLE images);
+TVX_API BOOL camera_set_image_zero(HANDLE camera, HANDLE image);
+TVX_API BOOL camera_get_image_zero(HANDLE camera, INT32 *level);
+TVX_API BOOL camera_set_20_bit_data(HANDLE camera, double ratio, double offset, BYTE correlate);
+TVX_API BOOL camera_get_20_bit_data(HANDLE camera, double *ratio, double *offset, double *r_squared,
+                                    BYTE *correlate);
 
 TVX_END_DECLS
 

@@ -3,6 +3,7 @@
 
 #include "foundation/locked.h"
 #include "tvx/camera.h"
+#include "tvx/image.h"
 
 namespace tvx::camera {
 
@@ -17,6 +18,10 @@ struct Record {
   double ratio_20bit;
   double min_signal_20bit;
   BYTE correlate_20bit;
+  double offset_20bit;
+  double correlation_20bit;
+  image_stats reference1;  // the reference columns' statistics, channel 1 (or the only one)
+  image_stats reference2;  // and channel 2 of two-channel data
   INT32 counters[CAMERA_OPERATION_COUNTERS];
 };
 
