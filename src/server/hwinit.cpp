@@ -110,6 +110,9 @@ BOOL volts_make_desired_packet(const volts *voltages, const char *(*names)(INT32
 
 BOOL server_hwinit(HANDLE server, const volts *voltages, const ccd *chip) {
   static const char *const kOp = "server_hwinit";
+  if (voltages == nullptr || chip == nullptr)
+    return tvx::fail(ERR_NO_DATA, 0, kOp, {0x1045}, "no %s given.",
+                     voltages == nullptr ? "voltages" : "ccd description");
   Locked r(server, kOp);
   if (!r) return refused(kOp);
   report *info = nullptr;

@@ -82,6 +82,8 @@ TEST_F(Startup, BootsInstallsAndInitialisesTheSimulatedCamera) {
     EXPECT_NE(caught().find(label), std::string::npos) << label;
 
   read_chip();
+  EXPECT_FALSE(server_hwinit(server_, &volts_, nullptr));
+  EXPECT_NE(story().find("no ccd description given"), std::string::npos);
   const size_t before = controller().controls().size();
   ASSERT_TRUE(server_hwinit(server_, &volts_, &chip_)) << story();
   // The fixed sequence, as the controller took it.
