@@ -70,11 +70,9 @@ bool single_region(HANDLE server, const Record &r, HANDLE regions, HANDLE images
     image = list_get_nth_object(images, 1);
     if (image == nullptr) return missing(routine, "image list contains a NULL image handle");
   } else {
-    image = image_new(f.width, f.height, readout_depth(r.converter.mode));
-    if (image == nullptr || !list_append_tail(images, image)) {
-      image_delete(image);
-      return qualify(routine);
-    }
+    image = append_new_image(images, f.width, f.height, readout_depth(r.converter.mode),
+                             list_append_tail);
+    if (image == nullptr) return qualify(routine);
   }
   HANDLE one = region_new(f.x, f.y, f.width, f.height, "One region");
   const bool ok = one != nullptr && server_execute_readout(server, one, image);
@@ -220,11 +218,9 @@ BOOL server_allocate_all_images(HANDLE server, HANDLE regions, HANDLE images, HA
     INT32 w = 0, h = 0;
     if (!image_size_of(chip, n > 0 ? list_get_nth_object(regions, i + 1) : nullptr, &w, &h, kOp))
       return FALSE;
-    HANDLE image = image_new(w, h, readout_depth(r->converter.mode));
-    if (image == nullptr || !list_append_tail(images, image)) {
-      image_delete(image);
+    if (append_new_image(images, w, h, readout_depth(r->converter.mode), list_append_tail) ==
+        nullptr)
       return qualify(kOp);
-    }
   }
   return TRUE;
 }
@@ -254,11 +250,9 @@ BOOL server_allocate_all_scrambles(HANDLE server, HANDLE scrambles, INT32 frames
   if (!r) return refused(kOp);
   if (scrambles == nullptr) return missing(kOp, "invalid list of images");
   for (INT32 i = 0; i < frames; ++i) {
-    HANDLE image = image_new(1, pixel_count, readout_depth(r->converter.mode));
-    if (image == nullptr || !list_append_head(scrambles, image)) {
-      image_delete(image);
+    if (append_new_image(scrambles, 1, pixel_count, readout_depth(r->converter.mode),
+                         list_append_head) == nullptr)
       return qualify(kOp);
-    }
   }
   return TRUE;
 }

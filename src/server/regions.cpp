@@ -28,6 +28,14 @@ bool wants_even(INT32 adc_mode, INT32 bx) {
   return adc_mode == kEvenAdcMode && bx >= 2;
 }
 
+HANDLE append_new_image(HANDLE list, INT32 width, INT32 height, INT32 depth,
+                        BOOL (*append)(HANDLE, HANDLE)) {
+  HANDLE image = image_new(width, height, depth);
+  if (image != nullptr && append(list, image)) return image;
+  image_delete(image);
+  return nullptr;
+}
+
 INT32 readout_depth(INT32 adc_mode) {
   return (adc_mode & 0x3F) == kTwoChannelMode ? 32 : 16;
 }
@@ -180,9 +188,8 @@ BOOL server_multiple_regions(HANDLE server, HANDLE images, HANDLE regions, HANDL
     if (i < had) {
       image = list_get_nth_object(images, i + 1);
     } else {
-      image = image_new(f.width, f.height, readout_depth(mode));
-      if (image == nullptr || !list_append_tail(images, image)) {
-        image_delete(image);
+      image = append_new_image(images, f.width, f.height, readout_depth(mode), list_append_tail);
+      if (image == nullptr) {
         ok = false;
         break;
       }

@@ -24,6 +24,10 @@ bool wants_even(INT32 adc_mode, INT32 bx);
 // 32 bits a pixel for the two-channel mode, else 16.
 INT32 readout_depth(INT32 adc_mode);
 
+// A new image put in a list by `append`, or NULL with the error set and nothing left behind.
+HANDLE append_new_image(HANDLE list, INT32 width, INT32 height, INT32 depth,
+                        BOOL (*append)(HANDLE, HANDLE));
+
 struct Chip {
   INT32 columns = 0, rows = 0, bx = 1, by = 1;
 };
