@@ -35,7 +35,16 @@ constexpr Reading kReadOnly[] = {
 constexpr double kAmbient = 293.15;  // kelvin
 constexpr double kCoolerTarget = 173.15;
 constexpr double kCoolerTau = 4000.0;  // centiseconds to close two thirds of the gap
-constexpr double kSecondSensor = 0.3;  // the second sensor sits a little warmer
+// The heat sink on the cooler's hot side: the electronics keep it a little above ambient, and
+// it warms by a share of the heat pumped off the chip.
+constexpr double kSinkAboveAmbient = 2.0;
+constexpr double kSinkShareOfPumpedHeat = 0.05;
+constexpr int kThermistorChannel = 15, kChipSensorChannel = 35, kSinkSensorChannel = 36;
+
+// The head's wiring of the desired-voltage packet: the DAC channel each of its 17 values drives,
+// in packet order. The two substrate levels share channel 2 and the two image-clock lows channel
+// 8, so those channels hold whichever value of the pair came last.
+constexpr int kDesiredChannel[] = {0, 5, 1, 3, 4, 6, 2, 2, 7, 11, 12, 13, 14, 8, 9, 8, 10};
 
 // A small wander of a few hundredths, the same for the same moment: noise a test can repeat.
 int wander(DWORD now, int channel) {
@@ -283,7 +292,7 @@ void CameraServer::act(const Packet &p) {
       break;
     case 5:
       if (a[0] < 0 || a[0] >= 24) return complain("voltage identifier %d", int{a[0]});
-      s.voltages[size_t(a[0])] = a[1];
+      drive(size_t(a[0]), a[1]);
       break;
     case 6:
       s.droop_set = true;
@@ -399,6 +408,8 @@ void CameraServer::act(const Packet &p) {
       break;
     case 39:
       s.configured_voltages = a;
+      for (size_t k = 0; k < a.size() && k < std::size(kDesiredChannel); ++k)
+        drive(size_t(kDesiredChannel[k]), a[k]);
       break;
     case 40:
       s.adc_mode = a[0];
@@ -563,15 +574,28 @@ double CameraServer::chip_kelvin(DWORD now) const {
          cooler_drift * elapsed / kMinute;
 }
 
+void CameraServer::drive(size_t channel, int16_t hundredths) {
+  state_.voltages[channel] = hundredths;
+  state_.voltage_set[channel] = true;
+}
+
 int16_t CameraServer::read_channel(int channel) const {
   const DWORD now = time_centiseconds();
+  const auto reading = [&](double value) {
+    return static_cast<int16_t>(std::lround(value * 100.0) + wander(now, channel));
+  };
+  if (channel == kThermistorChannel && !state_.voltage_set[size_t(channel)]) {
+    // Until it is driven, the thermistor line shows the bridge: 2.5 V at -40 C, 10 mV a kelvin.
+    return reading(2.5 + (chip_kelvin(now) - 233.15) / 100.0);
+  }
   if (channel >= 0 && channel < 24) {
     // Set voltages read back within a few hundredths of what was set.
     return static_cast<int16_t>(state_.voltages[size_t(channel)] + wander(now, channel));
   }
-  if (channel == 35 || channel == 36) {
-    const double kelvin = chip_kelvin(now) + (channel == 36 ? kSecondSensor : 0.0);
-    return static_cast<int16_t>(std::lround(kelvin * 100.0) + wander(now, channel));
+  if (channel == kChipSensorChannel) return reading(chip_kelvin(now));
+  if (channel == kSinkSensorChannel) {
+    return reading(kAmbient + kSinkAboveAmbient +
+                   kSinkShareOfPumpedHeat * (kAmbient - chip_kelvin(now)));
   }
   for (const Reading &r : kReadOnly)
     if (r.channel == channel) return static_cast<int16_t>(r.value + wander(now, channel));

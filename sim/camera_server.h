@@ -22,7 +22,8 @@ namespace tvx::sim {
 
 // What the commands have set in the controller, in the units they travel in.
 struct CameraState {
-  std::array<int16_t, 24> voltages{};  // hundredths of a volt, by identifier
+  std::array<int16_t, 24> voltages{};  // hundredths of a volt, by DAC channel
+  std::array<bool, 24> voltage_set{};  // the channel was driven since power-up
   std::vector<int16_t> configured_voltages;
   std::vector<int16_t> registers;
   std::vector<int16_t> parallel_timing;
@@ -87,6 +88,8 @@ class CameraServer : public ControllerProgram {
   void send(const Packet &request, int16_t control, const std::vector<int16_t> &params,
             bool final_reply = true);
   void progress(const Packet &request, int stages, bool may_stall);
+  // Drives one DAC channel to a level in hundredths of a volt.
+  void drive(size_t channel, int16_t hundredths);
   // What the controller's converter reads on a channel, in hundredths.
   int16_t read_channel(int channel) const;
   // The chip's temperature at a moment: ambient until the cooler is set, then closing on its

@@ -89,6 +89,30 @@ TEST_F(Camera, SettingsAreCheckedAgainstTheChip) {
   EXPECT_STREQ(name, "ccdtmp1");
 }
 
+// The shipped camera verifies once its chip is cold: every voltage it reads back, the supplies,
+// the thermistor line and the heat sink, lies within the VOLTAGES tolerances.
+TEST_F(Camera, VerifyWantsAColdChipAndEveryVoltageInTolerance) {
+  camera_ = camera_new(server_, shipped("sim_small.def").c_str());
+  ASSERT_NE(camera_, nullptr) << story();
+  EXPECT_FALSE(camera_verify(camera_)) << "a warm chip is not ready";
+  EXPECT_NE(story().find("voltage ccdtmp1 (293."), std::string::npos);
+
+  ASSERT_TRUE(server_set_ccd_temp(server_, -100.0)) << story();
+  tvx_test_clock_advance(30000);
+  EXPECT_TRUE(camera_verify(camera_)) << story();
+  double chip = 0, sink = 0;
+  ASSERT_TRUE(camera_get_ccd_temperature(camera_, &chip, &sink));
+  EXPECT_NEAR(chip, -100.0, 1.0);
+  EXPECT_GT(sink, 20.0) << "the hot side warms as the chip cools";
+
+  voltage_request low_drain[] = {{0, 27.0, 0}};
+  ASSERT_TRUE(server_set_voltages(server_, low_drain, 1)) << story();
+  EXPECT_FALSE(camera_verify(camera_));
+  const std::string told = story();
+  EXPECT_NE(told.find("voltage vod ("), std::string::npos) << told;
+  EXPECT_NE(told.find(") out of tolerance (27.50 - 28.50)"), std::string::npos) << told;
+}
+
 TEST_F(Camera, ProgramsResolveAgainstTheDefinitionDirectory) {
   camera_ = camera_new(server_, shipped("sim_small.def").c_str());
   ASSERT_NE(camera_, nullptr) << story();
