@@ -12,13 +12,17 @@
 TVX_BEGIN_DECLS
 
 #define CAMERA_OPERATION_COUNTERS 24
-/* What the first of the operation counters count; the rest are kept at 0 for later use. */
+/* What the first of the operation counters count, since the camera was made; the rest are kept
+ * at 0 for later use. */
 enum {
-  CAMERA_COUNT_READOUTS = 0,  /* camera_readout_ccd calls that succeeded */
-  CAMERA_COUNT_FRAMES = 1,    /* frames of camera_expose_and_readout_ccd that were processed */
-  CAMERA_COUNT_EXPOSURES = 2, /* camera_expose_ccd and series of frames */
-  CAMERA_COUNT_FLUSHES = 3,   /* runs of the flush program */
-  CAMERA_COUNT_FAILURES = 4   /* acquisitions that failed */
+  CAMERA_COUNT_READOUTS = 0,   /* camera_readout_ccd calls that succeeded */
+  CAMERA_COUNT_FRAMES = 1,     /* frames of camera_expose_and_readout_ccd that were processed */
+  CAMERA_COUNT_EXPOSURES = 2,  /* camera_expose_ccd and series of frames */
+  CAMERA_COUNT_FLUSHES = 3,    /* runs of the flush program */
+  CAMERA_COUNT_FAILURES = 4,   /* readouts and series that failed */
+  CAMERA_COUNT_IMAGE_ZERO = 5, /* image zero measured from the reference columns */
+  CAMERA_COUNT_PROCESSED = 6,  /* images processed: cut, joined and image zero taken off */
+  CAMERA_COUNT_TWENTY_BIT = 7  /* two-channel images joined into 20-bit data */
 };
 
 /* One measured voltage of camera_get_allvoltages: its value, and whether it could be read. */
@@ -98,6 +102,9 @@ TVX_API BOOL camera_allocate_all_images(HANDLE camera, HANDLE regions, HANDLE im
 TVX_API BOOL camera_shuffle_mode(HANDLE camera, HANDLE region, HANDLE image, INT32 milliseconds,
                                  server_grab_fn user_function, void *user_argument);
 TVX_API BOOL camera_process_images(HANDLE camera, HANDLE images);
+/* Takes image zero off one image: whole in mode 2 (signed), else less a pedestal of 256; 20-bit
+ * data is always signed. */
+TVX_API BOOL camera_subtract_image_zero(HANDLE camera, HANDLE image);
 TVX_API BOOL camera_measure_iz(HANDLE camera, HANDLE images);
 TVX_API BOOL camera_set_image_zero(HANDLE camera, HANDLE image);
 TVX_API BOOL camera_get_image_zero(HANDLE camera, INT32 *level);

@@ -276,6 +276,7 @@ BOOL camera_set_image_zero(HANDLE camera, HANDLE image) {
     return tvx::qualify(kOp);
   }
   r->image_zero = static_cast<INT32>(std::lround(r->reference1.mean));
+  ++r->counters[CAMERA_COUNT_IMAGE_ZERO];
   return TRUE;
 }
 
@@ -338,14 +339,25 @@ BOOL camera_process_images(HANDLE camera, HANDLE images) {
       }
       if (!image_32_to_20_bit(image, nullptr, r->ratio_20bit, r->offset_20bit))
         return tvx::qualify(kOp);
+      ++r->counters[CAMERA_COUNT_TWENTY_BIT];
     }
-    // Only mode 2 takes image zero off whole; otherwise a pedestal stays so noise is not clipped.
-    const INT32 level =
-        r->operation_mode == 2 ? r->image_zero : std::max(r->image_zero - kPedestal, 0);
-    const BYTE is_signed = twenty || r->operation_mode == 2;
-    if (!image_subtract_iz(image, level, is_signed)) return tvx::qualify(kOp);
+    if (!camera_subtract_image_zero(camera, image)) return tvx::qualify(kOp);
+    ++r->counters[CAMERA_COUNT_PROCESSED];
   }
   return TRUE;
+}
+
+BOOL camera_subtract_image_zero(HANDLE camera, HANDLE image) {
+  static const char *const kOp = "camera_subtract_image_zero";
+  Locked r(camera, kOp);
+  if (!r) return tvx::qualify(kOp);
+  INT32 w = 0, h = 0, depth = 0;
+  if (!image_size(image, &w, &h, &depth)) return tvx::qualify(kOp);
+  // Only mode 2 takes image zero off whole; otherwise a pedestal stays so noise is not clipped.
+  const INT32 level =
+      r->operation_mode == 2 ? r->image_zero : std::max(r->image_zero - kPedestal, 0);
+  const BYTE is_signed = depth > 16 || r->operation_mode == 2;
+  return image_subtract_iz(image, level, is_signed) ? TRUE : tvx::qualify(kOp);
 }
 
 BOOL camera_set_20_bit_data(HANDLE camera, double ratio, double offset, BYTE correlate) {
