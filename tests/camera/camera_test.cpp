@@ -44,6 +44,17 @@ TEST_F(Camera, AnyExtensionReadsTheDefinitionFileAndInitialises) {
   ASSERT_TRUE(camera_get_gain_settings(camera_, &rate, &sensitivity));
   EXPECT_EQ(rate, 1);
   EXPECT_NE(caught().find("initialising camera..."), std::string::npos);
+  // The print form tells the chip, the voltages and the programs.
+  char *text = nullptr;
+  size_t size = 0;
+  FILE *out = open_memstream(&text, &size);
+  camera_print(camera_, out);
+  std::fclose(out);
+  const std::string printed(text, size);
+  std::free(text);
+  for (const char *part :
+       {"xsize 80", "voltage(20, v6_4, 6.40, 0.20)", "camprog(readout, readout.cpg)"})
+    EXPECT_NE(printed.find(part), std::string::npos) << part << " in\n" << printed;
 
   EXPECT_EQ(camera_new(server_, (dir_ + "/none.def").c_str()), nullptr);
   EXPECT_NE(print_all(ERR_MODE_TRACEBACK).find("camera_new-> during camera allocation.\n"),
