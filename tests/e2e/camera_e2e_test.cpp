@@ -195,4 +195,39 @@ TEST_F(CameraPictures, SeveralRegionsOfOneExposure) {
   EXPECT_GE(with_star, 2) << "the regions hold stars to find again";
 }
 
+// The photon transfer of two flat frames: the shot noise of the difference gives the electrons
+// per level the simulated converter really has, and it must be what the library quotes for the
+// gain setting in use.
+TEST_F(CameraPictures, PhotonTransferGivesTheQuotedGain) {
+  ASSERT_TRUE(tvx_test_simulator_scene(TVX_SCENE_FLAT, 3, FALSE));
+  ASSERT_TRUE(camera_set_operation_mode(camera_, 2));
+  for (const auto &[rate, sensitivity] : {std::pair{1, 1}, std::pair{2, 2}}) {
+    SCOPED_TRACE("gain setting " + std::to_string(rate) + "," + std::to_string(sensitivity));
+    ASSERT_TRUE(camera_set_gain(camera_, rate, sensitivity)) << whole_story();
+    double quoted = 0;
+    ASSERT_TRUE(camera_get_electrons_per_level(camera_, rate, sensitivity, &quoted));
+    HANDLE frames = list_new();
+    for (int i = 0; i < 2; ++i) list_append_tail(frames, list_new());
+    // About 2,000 levels of signal either way.
+    const INT32 ms = static_cast<INT32>(2000.0 * quoted / 2000.0 * 1000.0);
+    ASSERT_TRUE(camera_expose_and_readout_ccd(camera_, nullptr, frames, ms, 0)) << whole_story();
+    HANDLE a = list_get_nth_object(list_get_nth_object(frames, 1), 1);
+    HANDLE b = list_get_nth_object(list_get_nth_object(frames, 2), 1);
+    double sum = 0, sum_d = 0, sum_d2 = 0;
+    const int n = kActive * kRows;
+    for (int r = 0; r < kRows; ++r)
+      for (int c = 0; c < kActive; ++c) {
+        const double va = static_cast<int16_t>(pixel(a, c, r));
+        const double vb = static_cast<int16_t>(pixel(b, c, r));
+        sum += (va + vb) / 2;
+        sum_d += va - vb;
+        sum_d2 += (va - vb) * (va - vb);
+      }
+    const double mean = sum / n, shot = (sum_d2 / n - (sum_d / n) * (sum_d / n)) / 2;
+    EXPECT_NEAR(mean, 2000.0, 100.0);
+    EXPECT_NEAR(mean / shot, quoted, 0.08 * quoted);
+    list_delete(frames, [](HANDLE frame) { image_list_delete(frame); });
+  }
+}
+
 }  // namespace
