@@ -108,6 +108,24 @@ TEST_F(Acquire, FlushesAndFramesSeries) {
   list_delete(frames, [](HANDLE frame) { image_list_delete(frame); });
   EXPECT_FALSE(camera_expose_and_readout_ccd(camera_, nullptr, nullptr, 100, 0));
   EXPECT_NE(whole_story().find("invalid list of image lists"), std::string::npos);
+
+  // A stream that breaks off in the second frame fails the series, says where, and counts it;
+  // the fixture checks that nothing of the frames is left allocated.
+  ASSERT_TRUE(tvx_test_stream_fault(TVX_STREAM_STOP_AFTER, 80 * 64 + 100));
+  HANDLE broken = list_new();
+  for (int i = 0; i < 3; ++i) list_append_tail(broken, list_new());
+  EXPECT_FALSE(camera_expose_and_readout_ccd(camera_, nullptr, broken, 100, 0));
+  const std::string told = whole_story();
+  EXPECT_NE(told.find("camera_expose_and_readout_ccd"), std::string::npos) << told;
+  list_delete(broken, [](HANDLE frame) { image_list_delete(frame); });
+  INT32 counters[CAMERA_OPERATION_COUNTERS] = {};
+  ASSERT_TRUE(camera_get_operation_stats(camera_, counters));
+  EXPECT_EQ(counters[CAMERA_COUNT_FAILURES], 1);
+  EXPECT_EQ(counters[CAMERA_COUNT_FRAMES], 2);
+  ASSERT_TRUE(tvx_test_stream_fault(TVX_STREAM_FAULT_NONE, 0));
+  HANDLE again = images();
+  EXPECT_TRUE(camera_readout_ccd(camera_, nullptr, again))
+      << "the link recovers: " << whole_story();
 }
 
 }  // namespace
