@@ -1,3 +1,5 @@
+# make demo   installs what is missing, builds, and takes a picture of the star field with tvxcam
+#             on the large simulated chip: demo.fits, demo.png and a summary.
 # make test   installs what is missing, builds with warnings as errors, and runs every test twice:
 #             once in a plain build and once under AddressSanitizer and UndefinedBehaviorSanitizer.
 BUILD      ?= build
@@ -10,12 +12,13 @@ JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS ?=
 
 # command -> Debian package that provides it
-TOOLS    = cmake:cmake ninja:ninja-build g++:g++ gcc:gcc clang-format:clang-format nm:binutils
-PACKAGES = libgtest-dev libgmock-dev libbenchmark-dev
+TOOLS    = cmake:cmake ninja:ninja-build g++:g++ gcc:gcc clang-format:clang-format nm:binutils \
+           pkg-config:pkg-config fitsverify:fitsverify
+PACKAGES = libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libcfitsio-dev libpng-dev
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps build san-build test bench check-format format clean fuzz fuzz-smoke
+.PHONY: all deps build san-build test demo bench check-format format clean fuzz fuzz-smoke
 
 all: build
 
@@ -54,6 +57,14 @@ test: deps check-format build san-build
 	  $(MAKE) --no-print-directory fuzz FUZZ_SECONDS=$(SMOKE_FUZZ_SECONDS); \
 	else echo "clang++ not found: fuzz smoke run skipped"; fi
 
+DEMO_OUTPUTS = demo.fits demo.png
+
+# Old pictures go first, so that a failed run leaves nothing that looks like its result.
+demo: deps build
+	rm -f $(DEMO_OUTPUTS)
+	$(BUILD)/tools/tvxcam/tvxcam snap --ccd data/sim/sim_large.def --scene starfield -e 2000 \
+	  -o demo.fits -o demo.png
+
 # Every parser of outside input has a libFuzzer target; each runs from the shipped files.
 fuzz: | deps
 	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
@@ -75,3 +86,4 @@ format:
 
 clean:
 	rm -rf $(BUILD) $(SAN_BUILD) $(FUZZ_BUILD)
+	rm -f $(DEMO_OUTPUTS) tvx.log
