@@ -1,0 +1,18 @@
+// FITS files through cfitsio: unsigned 16- and 32-bit pixels as signed integers with BZERO, the
+// keywords astronomers' tools look for, and one extension per region when there are several.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "session.h"
+
+namespace tvxcam {
+
+// Writes `planes` to `path`, replacing it: one image in the primary HDU, several as image
+// extensions named by EXTNAME after an empty primary HDU. `exposure` may be null (a converted
+// file knows nothing of its exposure). Throws Failure with cfitsio's message.
+void write_fits(const std::string &path, const std::vector<Plane> &planes,
+                const Exposure *exposure);
+
+}  // namespace tvxcam

@@ -1,0 +1,364 @@
+// Bringing the camera up and taking pictures through the library's camera calls.
+#include "session.h"
+
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+
+#include "definitions.h"
+#include "tvx/testing.h"
+
+namespace tvxcam {
+
+namespace fs = std::filesystem;
+
+std::string error_story() {
+  err_stack stack = nullptr;
+  err_where_is(&stack);
+  if ((*stack)->category == ERR_NONE) return {};
+  // Each record from the fault itself out to the call that met it, one routine a line; then
+  // the library's advice, which names the possible causes.
+  std::string story;
+  for (const err_record *r = *stack; r != nullptr && r->category != ERR_NONE; r = r->next) {
+    std::vector<const err_trace *> entries;
+    for (const err_trace *t = r->trace; t != nullptr; t = t->next) entries.push_back(t);
+    for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
+      std::string text = (*it)->text != nullptr ? (*it)->text : "";
+      if (!text.empty() && text.back() == '.') text.pop_back();
+      if (!text.empty()) story += "  " + std::string((*it)->routine) + ": " + text + "\n";
+    }
+  }
+  char *advice = nullptr;
+  err_print_all(stack, ERR_MODE_ADVICE, &advice);
+  if (advice != nullptr) story += advice;
+  err_reset_all(stack);
+  return story;
+}
+
+// ---- Pictures -----------------------------------------------------------------------------
+
+Picture::Picture() : images_(list_new()) {
+  check(images_ != nullptr, "making an image list");
+}
+
+Picture::~Picture() {
+  if (images_ != nullptr) image_list_delete(images_);
+}
+
+Picture::Picture(Picture &&other) noexcept
+    : planes(std::move(other.planes)), exposure(other.exposure), images_(other.images_) {
+  other.images_ = nullptr;
+}
+
+namespace {
+
+// A list of regions of our own, deleted with them.
+struct RegionList {
+  HANDLE list = nullptr;
+  ~RegionList() {
+    if (list != nullptr) region_list_delete(list);
+  }
+};
+
+std::string utc_now() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm t{};
+  gmtime_r(&now.tv_sec, &t);
+  char text[96];
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03ld", t.tm_year + 1900,
+                t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, now.tv_nsec / 1000000);
+  return text;
+}
+
+fs::path absolute(const std::string &path) {
+  std::error_code ec;
+  fs::path p = fs::absolute(path, ec);
+  return ec ? fs::path(path) : p;
+}
+
+}  // namespace
+
+// ---- The session ---------------------------------------------------------------------------
+
+Session::Session(const Globals &g) {
+  try {
+    start(g);
+  } catch (...) {
+    release();
+    throw;
+  }
+}
+
+Session::~Session() {
+  release();
+}
+
+void Session::release() {
+  if (camera_ != nullptr) camera_delete(camera_);
+  if (server_ != nullptr) server_delete(server_);
+  camera_ = server_ = nullptr;
+  if (!staging_.empty()) {
+    std::error_code ec;
+    fs::remove_all(staging_, ec);
+    staging_.clear();
+  }
+  if (virtual_clock_) tvx_test_clock_real();
+  virtual_clock_ = false;
+}
+
+void Session::start(const Globals &g) {
+  open_server(g);
+  camera_ = camera_new(server_, ccd_.c_str());
+  check(camera_ != nullptr, "bringing up the camera from " + ccd_);
+  apply_simulator(g);
+  const char *type = nullptr, *mode = nullptr, *serial = nullptr, *product = nullptr;
+  INT32 xs = 0, ys = 0, rate = 0, sens = 0;
+  INT32 area[4] = {};
+  check(camera_get_ccd_information(camera_, &type, &mode, &serial, &product) &&
+            camera_get_ccd_size(camera_, &xs, &ys) && camera_get_active_area(camera_, area) &&
+            camera_get_gain_settings(camera_, &rate, &sens),
+        "reading the chip's description");
+  chip_.type = type ? type : "";
+  chip_.mode = mode ? mode : "";
+  chip_.serial_no = serial ? serial : "";
+  chip_.product = product ? product : "";
+  chip_.xsize = xs;
+  chip_.ysize = ys;
+  for (int i = 0; i < 4; ++i) chip_.active[i] = area[i];
+  chip_.pixel_rate = rate;
+  chip_.sensitivity = sens;
+  Definitions full;
+  check(read_definitions(hw_, ccd_, &full), "reading the definition files");
+  defs_ = std::move(full);
+}
+
+void Session::open_server(const Globals &g) {
+  const std::string shipped = shipped_data_dir();
+  if ((g.hw.empty() || g.ccd.empty()) && shipped.empty())
+    throw Failure{
+        "cannot find the simulated camera's files (7100hw.def): set TVX_DATA_DIR to their "
+        "directory, or give --hw and --ccd"};
+  ccd_ = g.ccd.empty() ? (fs::path(shipped) / "sim_small.def").string() : g.ccd;
+  if (!g.hw.empty()) {
+    hw_ = g.hw;
+  } else {
+    // The library's own rule: the hardware file lies beside the chip's; else the simulator's.
+    const fs::path beside = absolute(ccd_).parent_path() / SERVER_DEFINITION_FILE;
+    std::error_code ec;
+    hw_ = !g.ccd.empty() && fs::is_regular_file(beside, ec)
+              ? beside.string()
+              : (fs::path(shipped) / SERVER_DEFINITION_FILE).string();
+  }
+  std::error_code ec;
+  for (const std::string *file : {&hw_, &ccd_})
+    if (!fs::is_regular_file(*file, ec))
+      throw Failure{"cannot read " + std::string(file == &hw_ ? "hardware" : "CCD") +
+                    " definition file '" + *file + "': no such file"};
+
+  // The server reads "7100hw.def" in the directory of the file it is given. Another name is
+  // served from a directory of our own that shows the file under that name beside links to
+  // everything else of its directory (the micro-code files).
+  fs::path served = absolute(hw_);
+  if (served.filename() != SERVER_DEFINITION_FILE) {
+    std::string pattern = (fs::temp_directory_path(ec) / "tvxcam-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr)
+      throw Failure{"cannot make a directory for the hardware file in " +
+                    fs::temp_directory_path(ec).string()};
+    staging_ = pattern;
+    for (const auto &entry : fs::directory_iterator(served.parent_path(), ec))
+      if (entry.path().filename() != SERVER_DEFINITION_FILE)
+        fs::create_symlink(entry.path(), fs::path(staging_) / entry.path().filename(), ec);
+    fs::create_symlink(served, fs::path(staging_) / SERVER_DEFINITION_FILE, ec);
+    if (ec) throw Failure{"cannot link the hardware file into " + staging_ + ": " + ec.message()};
+    served = fs::path(staging_) / SERVER_DEFINITION_FILE;
+  }
+
+  // The simulator's settings are known before the server boots, so that the clock is already
+  // virtual while it waits for the controller.
+  Definitions &defs = defs_;
+  if (read_definitions(hw_, "", &defs)) {
+    simulated_ = defs.device == "simulator";
+    realtime_ = simulated_ && defs.has_simulator && defs.sim.realtime != 0;
+  } else {
+    error_story();  // the server reads the same file and tells the story in full
+  }
+  const bool sim_options = !g.scene.empty() || g.seed || g.realtime || g.virtual_clock;
+  if (sim_options && !defs.device.empty() && !simulated_)
+    throw Failure{
+        "--scene, --seed, --realtime and --virtual-clock apply only to the simulated "
+        "camera, and " +
+        hw_ + " names the adapter '" + defs.device + "'"};
+  if (g.virtual_clock) {
+    tvx_test_clock_virtual(1);
+    virtual_clock_ = true;
+  }
+  server_ = server_new(served.string().c_str());
+  check(server_ != nullptr, "starting the controller from " + hw_);
+}
+
+void Session::apply_simulator(const Globals &g) {
+  if (!simulated_) return;
+  // The server has applied the hardware file's SIMULATOR section; the command line overrides it.
+  if (g.scene.empty() && !g.seed && !g.realtime) return;
+  static const std::pair<const char *, INT32> kScenes[] = {{"starfield", TVX_SCENE_STARFIELD},
+                                                           {"coordinates", TVX_SCENE_COORDINATES},
+                                                           {"flat", TVX_SCENE_FLAT},
+                                                           {"dark", TVX_SCENE_DARK}};
+  const simulator &file = defs_.sim;
+  const std::string named = !g.scene.empty() ? g.scene : defs_.has_simulator ? file.scene : "";
+  INT32 scene = TVX_SCENE_STARFIELD;
+  for (const auto &[name, code] : kScenes)
+    if (named == name) scene = code;
+  const long seed = g.seed ? *g.seed : defs_.has_simulator ? long{file.seed} : 7100L;
+  realtime_ = g.realtime || (defs_.has_simulator && file.realtime != 0);
+  check(tvx_test_simulator_scene(scene, static_cast<INT32>(seed), realtime_ ? TRUE : FALSE),
+        "choosing the simulator's scene");
+}
+
+void Session::configure(const Acquisition &a) {
+  check(camera_set_binning(camera_, a.xbin, a.ybin), "setting the binning");
+  check(camera_set_operation_mode(camera_, a.mode), "setting the operation mode");
+}
+
+double Session::ccd_celsius(double *second) {
+  double first = 0, other = 0;
+  check(camera_get_ccd_temperature(camera_, &first, &other), "reading the CCD temperature");
+  if (second != nullptr) *second = other;
+  return first;
+}
+
+void Session::describe(Exposure *e) {
+  check(camera_get_electrons_per_level(camera_, chip_.pixel_rate, chip_.sensitivity,
+                                       &e->electrons_per_level),
+        "reading the gain");
+  for (const GainRow &g : defs_.gains)
+    if (g.pixel_rate == chip_.pixel_rate && g.sensitivity == chip_.sensitivity)
+      e->readout_mode = g.comment;
+  e->detector = chip_.type;
+  e->serial_no = chip_.serial_no;
+  e->instrument = simulated_ ? "7100 controller (simulated)" : "7100 controller";
+}
+
+void Session::wait_ms(long ms) {
+  // The library's delay counts centiseconds; the rest of a centisecond is not worth a wait.
+  check(delay_centiseconds(static_cast<DWORD>((ms + 5) / 10)), "waiting");
+}
+
+std::vector<Plane> Session::planes_of(const Acquisition &a, HANDLE images) {
+  std::vector<Plane> planes;
+  const INT32 n = list_size(images);
+  for (INT32 i = 1; i <= n; ++i) {
+    Plane p;
+    p.image = list_get_nth_object(images, i);
+    if (a.regions.size() > 1) p.name = "region " + std::to_string(i);
+    planes.push_back(p);
+  }
+  // Where each image starts on the chip: the readout fits regions to the binning grid, and the
+  // processed modes cut the whole chip to its active area.
+  if (a.regions.empty()) {
+    const bool cut = a.mode >= 2;
+    for (Plane &p : planes) {
+      p.x0 = cut ? chip_.active[0] : 0;
+      p.y0 = cut ? chip_.active[1] : 0;
+    }
+    return planes;
+  }
+  HANDLE params = sysparams_new();
+  HANDLE fitted = region_new(0, 0, 1, 1, nullptr);
+  bool ok = params != nullptr && fitted != nullptr;
+  for (auto [id, v] : {std::pair<INT32, INT32>{SYSPARAM_XSIZE, chip_.xsize},
+                       {SYSPARAM_YSIZE, chip_.ysize},
+                       {SYSPARAM_XBIN, a.xbin},
+                       {SYSPARAM_YBIN, a.ybin}})
+    ok = ok && sysparams_append(params, sysparam_make_ival(id, v));
+  for (size_t i = 0; ok && i < a.regions.size() && i < planes.size(); ++i) {
+    const Region &r = a.regions[i];
+    HANDLE asked = region_new(r.x, r.y, r.width, r.height, nullptr);
+    INT32 x = 0, y = 0, w = 0, h = 0;
+    ok = asked != nullptr && server_set_readout_region(server_, params, asked, fitted) &&
+         region_get(fitted, &x, &y, &w, &h);
+    region_delete(asked);
+    planes[i].x0 = x;
+    planes[i].y0 = y;
+  }
+  region_delete(fitted);
+  if (params != nullptr) sysparams_delete(params);
+  check(ok, "placing the regions on the chip");
+  return planes;
+}
+
+Picture Session::take(const Acquisition &a, long preflush, const Stages &stages) {
+  // A region off the chip is refused before the exposure rather than after it.
+  for (size_t i = 0; i < a.regions.size(); ++i) {
+    const Region &r = a.regions[i];
+    region_rec rec{0, nullptr, r.x, r.y, r.width, r.height};
+    check(region_valid(&rec, chip_.xsize, chip_.ysize, "CCD chip"),
+          "checking region " + std::to_string(i + 1));
+  }
+  RegionList regions;
+  if (!a.regions.empty()) {
+    regions.list = list_new();
+    check(regions.list != nullptr, "making the region list");
+    int n = 0;
+    for (const Region &r : a.regions) {
+      const std::string name = "region " + std::to_string(++n);
+      HANDLE region = region_new(r.x, r.y, r.width, r.height, name.c_str());
+      check(region != nullptr, "making " + name);
+      if (!list_append_tail(regions.list, region)) {
+        region_delete(region);
+        check(FALSE, "making the region list");
+      }
+    }
+  }
+  Picture picture;
+  Exposure &e = picture.exposure;
+  if (preflush > 0) {
+    stages.start_open("flushing");
+    check(camera_flush_ccd(camera_, static_cast<INT32>(preflush)), "flushing the chip");
+    stages.end();
+  }
+  e.ccd_celsius = ccd_celsius();
+  e.seconds = static_cast<double>(a.exposure_ms) / 1000.0;
+  e.dark = a.dark;
+  e.xbin = a.xbin;
+  e.ybin = a.ybin;
+  e.mode = a.mode;
+  describe(&e);
+  e.date_obs = utc_now();
+  if (a.dark) {
+    // The shutter is never opened: the chip gathers only its dark current while we wait.
+    stages.start_timed("dark", e.seconds);
+    wait_ms(a.exposure_ms);
+  } else if (a.exposure_ms > 0) {
+    stages.start_timed("exposing", e.seconds);
+    check(camera_expose_ccd(camera_, static_cast<INT32>(a.exposure_ms)), "exposing");
+  }
+  stages.end();
+
+  // In real time the simulated readout takes the pixel time of every pixel read.
+  double readout_s = 0;
+  if (realtime_ && !virtual_clock_) {
+    double ms_per_pixel = 0;
+    long pixels = 0;
+    if (a.regions.empty()) {
+      pixels = long{chip_.xsize} * chip_.ysize / (long{a.xbin} * a.ybin);
+    } else {
+      for (const Region &r : a.regions)
+        pixels += long{r.width} * r.height / (long{a.xbin} * a.ybin);
+    }
+    if (camera_get_ms_per_pixel(camera_, chip_.pixel_rate, &ms_per_pixel))
+      readout_s = static_cast<double>(pixels) * ms_per_pixel / 1000.0;
+    error_story();
+  }
+  if (readout_s > 0)
+    stages.start_timed("reading out", readout_s);
+  else
+    stages.start_open("reading out");
+  check(camera_readout_ccd(camera_, regions.list, picture.list()), "reading out the chip");
+  stages.end();
+  picture.planes = planes_of(a, picture.list());
+  return picture;
+}
+
+}  // namespace tvxcam

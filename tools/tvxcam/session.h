@@ -1,0 +1,125 @@
+// A camera session: the server and camera brought up from the definition files (the shipped
+// simulated camera unless told otherwise), the simulator's scene and clock as the command line
+// chose them, and the pictures taken through it.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "definitions.h"
+#include "options.h"
+#include "tvx/tvx.h"
+
+namespace tvxcam {
+
+// The library refused: its error stack tells why. `what` says what tvxcam was doing.
+struct LibraryError {
+  std::string what;
+};
+
+// Throws LibraryError when the library call failed.
+inline void check(BOOL ok, const std::string &what) {
+  if (!ok) throw LibraryError{what};
+}
+
+// The whole error stack with its possible causes, then cleared.
+std::string error_story();
+
+// One image of a picture: the region it holds and where on the chip it starts (unbinned).
+struct Plane {
+  HANDLE image = nullptr;  // owned by the picture
+  std::string name;
+  std::optional<int> x0, y0;
+};
+
+// What the FITS header and the summary say about a picture.
+struct Exposure {
+  double seconds = 0;
+  std::string date_obs;  // UTC, start of the exposure
+  bool dark = false;
+  int xbin = 1, ybin = 1;
+  int mode = 0;
+  std::optional<double> ccd_celsius;
+  double electrons_per_level = 0;
+  std::string readout_mode;  // the gain setting's description
+  std::string detector, serial_no, instrument;
+};
+
+// One exposure's images; frees them when it goes.
+class Picture {
+ public:
+  Picture();
+  ~Picture();
+  Picture(const Picture &) = delete;
+  Picture &operator=(const Picture &) = delete;
+  Picture(Picture &&other) noexcept;
+
+  HANDLE list() const { return images_; }
+  std::vector<Plane> planes;
+  Exposure exposure;
+
+ private:
+  HANDLE images_ = nullptr;
+};
+
+// The stages of one exposure, for whoever shows them: flush, exposure, readout.
+struct Stages {
+  std::function<void(const char *label)> start_open;
+  std::function<void(const char *label, double seconds)> start_timed;
+  std::function<void()> end;
+};
+
+struct ChipFacts {
+  std::string type, mode, serial_no, product;
+  int xsize = 0, ysize = 0;
+  int active[4] = {};
+  int pixel_rate = 1, sensitivity = 1;
+};
+
+class Session {
+ public:
+  explicit Session(const Globals &globals);
+  ~Session();
+  Session(const Session &) = delete;
+  Session &operator=(const Session &) = delete;
+
+  HANDLE camera() const { return camera_; }
+  HANDLE server() const { return server_; }
+  const std::string &hardware_file() const { return hw_; }
+  const std::string &ccd_file() const { return ccd_; }
+  bool simulated() const { return simulated_; }
+  bool realtime() const { return realtime_; }
+  bool virtual_clock() const { return virtual_clock_; }
+  const ChipFacts &chip() const { return chip_; }
+  const Definitions &definitions() const { return defs_; }
+
+  // Binning and operation mode for the next pictures.
+  void configure(const Acquisition &a);
+  // Flushes `preflush` times, exposes (or, for a dark frame, waits with the shutter closed) and
+  // reads out the regions (none: the whole chip).
+  Picture take(const Acquisition &a, long preflush, const Stages &stages);
+  // The CCD temperature of the first sensor in degrees Celsius.
+  double ccd_celsius(double *second = nullptr);
+  // Fills in what the header says of the camera: gain, readout mode, detector and instrument.
+  void describe(Exposure *e);
+  // Waits `ms` on the library's clock, so that a virtual clock jumps rather than sleeps.
+  void wait_ms(long ms);
+
+ private:
+  void start(const Globals &g);
+  void release();
+  void open_server(const Globals &g);
+  void apply_simulator(const Globals &g);
+  std::vector<Plane> planes_of(const Acquisition &a, HANDLE images);
+
+  std::string hw_, ccd_;
+  std::string staging_;  // a directory of our own when the hardware file is not "7100hw.def"
+  HANDLE server_ = nullptr, camera_ = nullptr;
+  bool simulated_ = false, realtime_ = false, virtual_clock_ = false;
+  ChipFacts chip_;
+  Definitions defs_;
+};
+
+}  // namespace tvxcam
