@@ -65,6 +65,10 @@ int run_status(const Command &c) {
     v.in = std::fabs(v.value - v.nominal) <= v.tolerance;
     volts.push_back(v);
   }
+  // The heat sink's and the board's temperatures are read as voltage channels, in kelvin.
+  std::vector<std::pair<std::string, double>> boards;
+  for (const VoltageLine &v : volts)
+    if (v.name == "sinktemp" || v.name == "pcbtemp") boards.emplace_back(v.name, v.value);
 
   std::vector<GainLine> gains;
   for (INT32 index = 1;; ++index) {
@@ -110,7 +114,10 @@ int run_status(const Command &c) {
         .field("hardware_file", session.hardware_file())
         .field("ccd_file", session.ccd_file())
         .close();
-    j.open("temperatures").field("ccd1_celsius", t1).field("ccd2_celsius", t2).close();
+    j.open("temperatures").field("ccd1_celsius", t1).field("ccd2_celsius", t2);
+    for (const auto &[name, kelvin] : boards)
+      j.field((name + "_celsius").c_str(), kelvin - kKelvin);
+    j.close();
     j.open_array("voltages");
     for (const VoltageLine &v : volts)
       j.open()
@@ -152,7 +159,10 @@ int run_status(const Command &c) {
               int{xbin}, int{ybin}, int{black}, mode_name(mode));
   std::printf("  %-12s %s\n  %-12s %s\n", "hardware", session.hardware_file().c_str(), "chip file",
               session.ccd_file().c_str());
-  std::printf("  %-12s CCD %.2f C (second sensor %.2f C)\n", "temperature", t1, t2);
+  std::printf("  %-12s CCD %.2f C (second sensor %.2f C)", "temperature", t1, t2);
+  for (const auto &[name, kelvin] : boards)
+    std::printf(", %s %.2f C", name.c_str(), kelvin - kKelvin);
+  std::printf("\n");
   std::printf("\n  %-10s %10s %10s %9s\n", "voltage", "measured", "nominal", "tolerance");
   int out_of_tolerance = 0;
   for (const VoltageLine &v : volts) {
