@@ -415,6 +415,7 @@ TEST_F(Tvxcam, FailuresTellTheStoryAndExitNonZero) {
                                                {"snap", "-r", "1,2,3"},
                                                {"snap", "-b", "0x2"},
                                                {"snap", "-m", "bright"},
+                                               {"snap", "--black", "60", "--white", "40"},
                                                {"series", "-n", "0"},
                                                {"info"},
                                                {}}) {
@@ -424,6 +425,10 @@ TEST_F(Tvxcam, FailuresTellTheStoryAndExitNonZero) {
     EXPECT_NE(r.err.find("Usage: tvxcam"), std::string::npos) << said << "\n" << r.err;
     EXPECT_EQ(r.out, "");
   }
+  const Outcome unwritable = sim({"snap", "-o", "nowhere/x.fits"});
+  EXPECT_EQ(unwritable.status, 1);
+  EXPECT_NE(unwritable.err.find("cannot write FITS file 'nowhere/x.fits'"), std::string::npos)
+      << unwritable.err;
   const Outcome missing = cam({"--ccd", "nowhere.def", "status"});
   EXPECT_EQ(missing.status, 1);
   EXPECT_NE(missing.err.find("'nowhere.def': no such file"), std::string::npos) << missing.err;

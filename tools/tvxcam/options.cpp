@@ -224,6 +224,9 @@ void define_command_line(CLI::App &app, Command &c) {
   app.final_callback([&app, &c] {
     for (const char *name : {"snap", "series", "status", "cool", "info", "convert"})
       if (app.got_subcommand(name)) c.name = name;
+    // Caught here rather than after an exposure that could not be shown.
+    if (c.acquisition.low_percent >= c.acquisition.high_percent)
+      throw CLI::ValidationError("--black", "the black percentile must lie below the white one");
   });
 }
 
