@@ -327,7 +327,9 @@ Picture Session::take(const Acquisition &a, long preflush, const Stages &stages)
   describe(&e);
   e.date_obs = utc_now();
   if (a.dark) {
-    // The shutter is never opened: the chip gathers only its dark current while we wait.
+    // The shutter is closed and never opened: the chip gathers only its dark current while we
+    // wait.
+    check(camera_close_shutter(camera_), "closing the shutter");
     stages.start_timed("dark", e.seconds);
     wait_ms(a.exposure_ms);
   } else if (a.exposure_ms > 0) {
