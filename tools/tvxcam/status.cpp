@@ -159,7 +159,8 @@ int run_status(const Command &c) {
               int{xbin}, int{ybin}, int{black}, mode_name(mode));
   std::printf("  %-12s %s\n  %-12s %s\n", "hardware", session.hardware_file().c_str(), "chip file",
               session.ccd_file().c_str());
-  std::printf("  %-12s CCD %.2f C (second sensor %.2f C)", "temperature", t1, t2);
+  // The second reading comes from the heat sink, which the board temperatures list by name.
+  std::printf("  %-12s CCD %.2f C", "temperature", t1);
   for (const auto &[name, kelvin] : boards)
     std::printf(", %s %.2f C", name.c_str(), kelvin - kKelvin);
   std::printf("\n");
