@@ -40,9 +40,9 @@ int main(int argc, char **argv) {
   server = server_new(ccd_file);
   if (server == NULL) return report_failure("starting the server");
   camera = camera_new(server, ccd_file);
+  /* Mode 0 keeps the picture raw: every column as read, the reference columns included. */
   if (camera == NULL) {
     status = report_failure("setting up the camera");
-    /* Mode 0 keeps the picture raw: every column as read, the reference columns included. */
   } else if (!camera_set_operation_mode(camera, 0) || !camera_expose_ccd(camera, EXPOSURE_MS)) {
     status = report_failure("exposing");
   } else if ((images = list_new()) == NULL || !camera_readout_ccd(camera, NULL, images)) {
