@@ -375,6 +375,14 @@ TEST_F(Tvxcam, InfoAndConvertTellFormatAndByteOrder) {
   EXPECT_EQ(h.at(79, 63), coordinate(79, 63));
   ASSERT_EQ(cam({"convert", "swapped.img", "back.img"}).status, 0);
   EXPECT_EQ(slurp(dir_ / "back.img"), slurp(dir_ / "c.img")) << "native order, same pixels";
+  // FITS comes back in: the same figures, and the same pixels through a native file.
+  const Outcome from_fits = cam({"info", "from_swapped.fits"});
+  ASSERT_EQ(from_fits.status, 0) << from_fits.err;
+  EXPECT_NE(from_fits.out.find("format       FITS"), std::string::npos) << from_fits.out;
+  EXPECT_EQ(from_fits.out.substr(from_fits.out.find(" min ")),
+            info.out.substr(info.out.find(" min ")));
+  ASSERT_EQ(cam({"convert", "from_swapped.fits", "from_fits.img"}).status, 0);
+  EXPECT_EQ(slurp(dir_ / "from_fits.img"), slurp(dir_ / "c.img"));
   ASSERT_EQ(cam({"convert", "--stretch", "percentile", "c.img", "c.png"}).status, 0);
   EXPECT_EQ(read_png(dir_ / "c.png").width, 80u);
 

@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "commands.h"
+#include "fits.h"
 #include "json.h"
 #include "summary.h"
 
@@ -33,6 +34,7 @@ const char *format_name(INT32 format) {
 struct FileImage {
   HANDLE image = nullptr;
   INT32 format = 0;
+  bool fits = false;  // read through cfitsio rather than the library
   BOOL swapped = FALSE;
   INT32 width = 0, height = 0, depth = 0;
   ~FileImage() { image_delete(image); }
@@ -45,11 +47,26 @@ void detect(const std::string &path, FileImage *f) {
   check(image_get_file_format(path.c_str(), &f->format, &f->swapped, &f->width, &f->height,
                               &f->depth),
         "examining '" + path + "'");
+  // FITS is big-endian whatever the machine: swapped, as the library counts it, on this one.
+  if (f->format == IMAGE_FORMAT_UNKNOWN && is_fits(path)) {
+    const uint16_t probe = 1;
+    f->fits = true;
+    f->swapped = *reinterpret_cast<const uint8_t *>(&probe) == 1;
+  }
+}
+
+const char *format_of(const FileImage &f) {
+  return f.fits ? "FITS" : format_name(f.format);
 }
 
 void read_image(const std::string &path, FileImage *f) {
+  if (f->fits) {
+    f->image = read_fits(path);
+    return;
+  }
   if (f->format == IMAGE_FORMAT_UNKNOWN)
-    throw Failure{"'" + path + "' is not an image file tvx reads (native, olvane 1 or olvane 2)"};
+    throw Failure{"'" + path +
+                  "' is not an image file tvx reads (native, olvane 1, olvane 2 or FITS)"};
   f->image = image_new(1, 1, 16);
   check(f->image != nullptr, "making an image");
   check(image_read(f->image, path.c_str()), "reading '" + path + "'");
@@ -70,7 +87,7 @@ int run_info(const Command &c) {
   const std::string order =
       std::string(byte_order(f.swapped)) + (f.swapped ? " (swapped)" : " (this machine's)");
   if (!c.globals.json && !c.globals.quiet) {
-    std::printf("%s\n  %-12s %s\n", c.input.c_str(), "format", format_name(f.format));
+    std::printf("%s\n  %-12s %s\n", c.input.c_str(), "format", format_of(f));
     std::printf("  %-12s %s\n  %-12s %s\n", "byte order", order.c_str(), "file size",
                 size_text(c.input).c_str());
   }
@@ -81,7 +98,7 @@ int run_info(const Command &c) {
     Json j;
     j.open()
         .field("file", c.input)
-        .field("format", format_name(f.format))
+        .field("format", format_of(f))
         .field("byte_order", byte_order(f.swapped))
         .field("swapped", f.swapped != FALSE)
         .field("width", s.width)
@@ -120,7 +137,7 @@ int run_convert(const Command &c) {
   const std::vector<Written> written =
       write_outputs({c.output}, planes, nullptr, c.acquisition, 0, 0);
   if (c.globals.quiet) return 0;
-  std::printf("tvxcam convert: %s (%s, %s)\n", c.input.c_str(), format_name(f.format),
+  std::printf("tvxcam convert: %s (%s, %s)\n", c.input.c_str(), format_of(f),
               shape_text(shape_of(f.image)).c_str());
   print_written(written);
   return 0;

@@ -1,5 +1,5 @@
-// Writing FITS: each image's rasters go out as they lie in the image's blocks, one row at a time,
-// with FITS row 1 holding raster 0.
+// FITS files: each image's rasters go out as they lie in the image's blocks, one row at a time,
+// with FITS row 1 holding raster 0, and come back the same way.
 #include "fits.h"
 
 #include <fitsio.h>
@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 
 #include "pixels.h"
 
@@ -15,11 +16,13 @@ namespace tvxcam {
 namespace {
 
 // cfitsio's status as a Failure naming the file and what was being done.
-void fits_check(int status, const std::string &path, const char *doing) {
+void fits_check(int status, const std::string &path, const char *doing,
+                const char *verb = "write") {
   if (status == 0) return;
   char text[FLEN_STATUS] = {};
   fits_get_errstatus(status, text);
-  throw Failure{"cannot write FITS file '" + path + "' (" + doing + "): " + text};
+  throw Failure{std::string("cannot ") + verb + " FITS file '" + path + "' (" + doing +
+                "): " + text};
 }
 
 struct FitsFile {
@@ -133,6 +136,68 @@ void write_fits(const std::string &path, const std::vector<Plane> &planes,
   fits_close_file(file.f, &status);
   file.f = nullptr;
   fits_check(status, path, "closing");
+}
+
+bool is_fits(const std::string &path) {
+  char start[9] = {};
+  std::ifstream(path, std::ios::binary).read(start, 8);
+  return std::memcmp(start, "SIMPLE  ", 8) == 0;
+}
+
+HANDLE read_fits(const std::string &path) {
+  FitsFile file;
+  int status = 0;
+  fits_open_diskfile(&file.f, path.c_str(), READONLY, &status);
+  fits_check(status, path, "opening", "read");
+  // The first HDU that holds a picture: an empty primary is followed by the extensions.
+  int naxis = 0;
+  long axes[3] = {1, 1, 1};
+  for (;;) {
+    int bitpix = 0, type = 0;
+    fits_get_img_param(file.f, 3, &bitpix, &naxis, axes, &status);
+    if (status == NOT_IMAGE) status = 0, naxis = 0;
+    fits_check(status, path, "image header", "read");
+    if (naxis >= 2) break;
+    if (fits_movrel_hdu(file.f, 1, &type, &status) == END_OF_FILE)
+      throw Failure{"'" + path + "' holds no image"};
+    fits_check(status, path, "next extension", "read");
+  }
+  if (naxis > 3 || axes[2] != 1) throw Failure{"'" + path + "' holds a cube, not one image"};
+  int equivalent = 0;
+  fits_get_img_equivtype(file.f, &equivalent, &status);
+  fits_check(status, path, "pixel type", "read");
+  // Each FITS pixel type and the library's image that holds it: depth, sign, cfitsio's type.
+  struct Kind {
+    int bitpix, depth;
+    bool is_signed;
+    int datatype;
+  };
+  static constexpr Kind kKinds[] = {{BYTE_IMG, 8, false, TBYTE},      {SBYTE_IMG, 8, true, TSBYTE},
+                                    {USHORT_IMG, 16, false, TUSHORT}, {SHORT_IMG, 16, true, TSHORT},
+                                    {ULONG_IMG, 32, false, TUINT},    {LONG_IMG, 32, true, TINT}};
+  const Kind *kind = nullptr;
+  for (const Kind &k : kKinds)
+    if (k.bitpix == equivalent) kind = &k;
+  if (kind == nullptr)
+    throw Failure{"'" + path + "' has pixels of BITPIX " + std::to_string(equivalent) +
+                  ", which no image of the library holds"};
+  HANDLE image = image_new(static_cast<INT32>(axes[0]), static_cast<INT32>(axes[1]), kind->depth);
+  check(image != nullptr,
+        "making a " + std::to_string(axes[0]) + " x " + std::to_string(axes[1]) + " image");
+  image_set_signed(image, kind->is_signed ? TRUE : FALSE);
+  for (long row = 0; row < axes[1] && status == 0; ++row) {
+    void *raster = image_lockraster(image, static_cast<INT32>(row));
+    if (raster == nullptr) {
+      image_delete(image);
+      check(false, "reading '" + path + "'");
+    }
+    fits_read_img(file.f, kind->datatype, LONGLONG(row) * axes[0] + 1, axes[0], nullptr, raster,
+                  nullptr, &status);
+    image_unlockraster(image, static_cast<INT32>(row));
+  }
+  if (status != 0) image_delete(image);
+  fits_check(status, path, "pixels", "read");
+  return image;
 }
 
 }  // namespace tvxcam

@@ -15,4 +15,11 @@ namespace tvxcam {
 void write_fits(const std::string &path, const std::vector<Plane> &planes,
                 const Exposure *exposure);
 
+// Whether a file begins as every FITS file does.
+bool is_fits(const std::string &path);
+// Reads the first image of a FITS file (the primary array, or the first image extension when the
+// primary holds none) into a new image of the library, unsigned where BZERO says so. Throws
+// Failure for a file cfitsio cannot read, no two-dimensional image, or floating-point pixels.
+HANDLE read_fits(const std::string &path);
+
 }  // namespace tvxcam
