@@ -247,6 +247,43 @@ bool fail_argument(const char *routine) {
   return fail(ERR_INCONSISTENT, 0, routine, {tvx::image::kCauseProgrammer}, "invalid argument");
 }
 
+// Where the two versions of the olvane 2 header keep their fields; 0 for a field a version
+// does not have.
+struct Olvane2Layout {
+  size_t header;
+  size_t width, height, bytes_per_pixel, code, depth, data_at;
+};
+constexpr Olvane2Layout kOlvane2V3{76, 4, 8, 16, 32, 36, 72};
+constexpr Olvane2Layout kOlvane2V4{108, 4, 8, 0, 44, 48, 0};
+
+bool read_olvane2(HANDLE image, const char *path, BOOL swapped, const Olvane2Layout &at,
+                  const char *op) {
+  Locked<image_rec> img(image, op);
+  if (!img) return qualify(op);
+  File file(-1);
+  Header h{};
+  if (!open_header(op, path, at.header, &file, &h)) return false;
+  if (swapped) swap_fields(&h, at.header);
+  const auto field = [&](size_t offset) { return offset != 0 ? dword_at(h.bytes + offset) : 0; };
+  const auto width = static_cast<INT32>(field(at.width));
+  const auto height = static_cast<INT32>(field(at.height));
+  const auto bytes_per_pixel = static_cast<INT32>(field(at.bytes_per_pixel));
+  const auto depth = static_cast<INT32>(field(at.depth));
+  const DWORD data_at = field(at.data_at);
+  int is_signed = 0;
+  if (!olvane2_format(field(at.code), op, &is_signed)) return false;
+  if (bytes_per_pixel >= 1 && (depth < 1 || depth > 32 || bytes_per_pixel != pixel_size_of(depth)))
+    return fail(ERR_NOT_SUPPORTED, 0, op, {}, "pixel bit packing is %ld bits per %ld bytes",
+                long{depth}, long{bytes_per_pixel});
+  unsigned long long from = at.header;
+  if (data_at >= 1 && data_at != at.header) {
+    from = data_at;
+    if (lseek(file.fd(), static_cast<off_t>(data_at), SEEK_SET) < 0) return fail_file(op, path);
+  }
+  if (!file_holds(h, from, width, height, depth, path)) return qualify(op);
+  return take_pixels(image, file.fd(), path, swapped, width, height, depth, is_signed, op);
+}
+
 }  // namespace
 
 extern "C" {
@@ -346,51 +383,11 @@ BOOL image_read_olvane1_format(HANDLE image, const char *path, BOOL swapped) {
 }
 
 BOOL image_read_olvane2_v3_format(HANDLE image, const char *path, BOOL swapped) {
-  static const char *const kOp = "image_read_olvane2_v3_format";
-  constexpr size_t kHeader = 76;
-  Locked<image_rec> img(image, kOp);
-  if (!img) return qualify(kOp);
-  File file(-1);
-  Header h{};
-  if (!open_header(kOp, path, kHeader, &file, &h)) return false;
-  if (swapped) swap_fields(&h, kHeader);
-  auto width = static_cast<INT32>(dword_at(h.bytes + 4));
-  auto height = static_cast<INT32>(dword_at(h.bytes + 8));
-  auto bytes_per_pixel = static_cast<INT32>(dword_at(h.bytes + 16));
-  DWORD code = dword_at(h.bytes + 32);
-  auto depth = static_cast<INT32>(dword_at(h.bytes + 36));
-  DWORD data_at = dword_at(h.bytes + 72);
-  int is_signed = 0;
-  if (!olvane2_format(code, kOp, &is_signed)) return false;
-  if (bytes_per_pixel >= 1 && (depth < 1 || depth > 32 || bytes_per_pixel != pixel_size_of(depth)))
-    return fail(ERR_NOT_SUPPORTED, 0, kOp, {}, "pixel bit packing is %ld bits per %ld bytes",
-                long{depth}, long{bytes_per_pixel});
-  unsigned long long from = kHeader;
-  if (data_at >= 1 && data_at != kHeader) {
-    from = data_at;
-    if (lseek(file.fd(), static_cast<off_t>(data_at), SEEK_SET) < 0) return fail_file(kOp, path);
-  }
-  if (!file_holds(h, from, width, height, depth, path)) return qualify(kOp);
-  return take_pixels(image, file.fd(), path, swapped, width, height, depth, is_signed, kOp);
+  return read_olvane2(image, path, swapped, kOlvane2V3, "image_read_olvane2_v3_format");
 }
 
 BOOL image_read_olvane2_v4_format(HANDLE image, const char *path, BOOL swapped) {
-  static const char *const kOp = "image_read_olvane2_v4_format";
-  constexpr size_t kHeader = 108;
-  Locked<image_rec> img(image, kOp);
-  if (!img) return qualify(kOp);
-  File file(-1);
-  Header h{};
-  if (!open_header(kOp, path, kHeader, &file, &h)) return false;
-  if (swapped) swap_fields(&h, kHeader);
-  auto width = static_cast<INT32>(dword_at(h.bytes + 4));
-  auto height = static_cast<INT32>(dword_at(h.bytes + 8));
-  DWORD code = dword_at(h.bytes + 44);
-  auto depth = static_cast<INT32>(dword_at(h.bytes + 48));
-  int is_signed = 0;
-  if (!olvane2_format(code, kOp, &is_signed)) return false;
-  if (!file_holds(h, kHeader, width, height, depth, path)) return qualify(kOp);
-  return take_pixels(image, file.fd(), path, swapped, width, height, depth, is_signed, kOp);
+  return read_olvane2(image, path, swapped, kOlvane2V4, "image_read_olvane2_v4_format");
 }
 
 BOOL image_read_blocks(HANDLE image, int fd, const char *path, BOOL swapped) {
