@@ -3,7 +3,6 @@
 // One region (or none) is read by the controller as one rectangle; several go through a read
 // sequence and are unscrambled afterwards.
 #include <algorithm>
-#include <cstdio>
 
 #include "foundation/fail.h"
 #include "platform/platform.h"
@@ -197,12 +196,9 @@ BOOL server_empty_all_frames(HANDLE server, HANDLE image_lists) {
   if (image_lists == nullptr || list_size(image_lists) == 0)
     return fail(ERR_NO_DATA, 0, kOp, {kCauseMissing},
                 "no frames to readout (list of image lists is empty)");
+  // A frame that fails is qualified with an empty text, as every stage of the series is.
   for (INT32 i = 0; i < list_size(image_lists); ++i)
-    if (!list_empty(list_get_nth_object(image_lists, i + 1), image_delete)) {
-      char note[64];
-      std::snprintf(note, sizeof note, "while freeing images for frame %ld", long{i + 1});
-      return qualify(kOp);
-    }
+    if (!list_empty(list_get_nth_object(image_lists, i + 1), image_delete)) return qualify(kOp);
   return TRUE;
 }
 
@@ -235,11 +231,8 @@ BOOL server_allocate_all_frames(HANDLE server, HANDLE regions, HANDLE image_list
                 "no frames to readout (list of image lists is empty)");
   for (INT32 i = 0; i < list_size(image_lists); ++i)
     if (!server_allocate_all_images(server, regions, list_get_nth_object(image_lists, i + 1),
-                                    sysparams)) {
-      char note[64];
-      std::snprintf(note, sizeof note, "while allocating images for frame %ld", long{i + 1});
+                                    sysparams))
       return qualify(kOp);
-    }
   return TRUE;
 }
 
