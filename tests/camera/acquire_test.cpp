@@ -1,26 +1,15 @@
 // Pictures through the camera on the simulated coordinate scene, where every pixel's value says
 // where it came from: the raw readout, the image zero taken from the reference columns, the cut to
 // the active area with and without the pedestal, flushes and series of frames.
-#include "server/readout_support.h"
-#include "tvx/camera.h"
+#include "camera/camera_support.h"
 
 namespace {
 
 using namespace tvx_test;
 
-class Acquire : public ReadoutTest {
+// bring_up leaves the simulated CCD looking at the coordinate scene.
+class Acquire : public CameraTest {
  protected:
-  void SetUp() override {
-    ReadoutTest::SetUp();
-    bring_up();
-    camera_ = camera_new(server_, shipped("sim_small.def").c_str());
-    ASSERT_NE(camera_, nullptr) << whole_story();
-    ASSERT_TRUE(tvx_test_simulator_scene(TVX_SCENE_COORDINATES, 1, FALSE));
-  }
-  void TearDown() override {
-    camera_delete(camera_);
-    ReadoutTest::TearDown();
-  }
   // Reads the whole chip in `mode` and returns the one image.
   HANDLE read(INT32 mode) {
     EXPECT_TRUE(camera_set_operation_mode(camera_, mode));
@@ -29,7 +18,6 @@ class Acquire : public ReadoutTest {
     EXPECT_EQ(list_size(list), 1);
     return list_get_nth_object(list, 1);
   }
-  HANDLE camera_ = nullptr;
 };
 
 // The mean of the coordinate scene (column + 256 x row) over the 13 reference columns (67 to

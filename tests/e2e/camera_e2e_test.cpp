@@ -4,8 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "server/readout_support.h"
-#include "tvx/camera.h"
+#include "camera/camera_support.h"
 #include "tvx/twenty.h"
 
 namespace {
@@ -17,18 +16,11 @@ constexpr INT32 kColumns = 80, kRows = 64, kActive = 64;
 constexpr INT32 kBias = 1000;         // the chip file's blacklevel
 constexpr double kChannelRatio = 16;  // the simulated converter's second channel gain
 
-class CameraPictures : public ReadoutTest {
+class CameraPictures : public CameraTest {
  protected:
   void SetUp() override {
-    ReadoutTest::SetUp();
-    bring_up();
-    camera_ = camera_new(server_, shipped("sim_small.def").c_str());
-    ASSERT_NE(camera_, nullptr) << whole_story();
+    CameraTest::SetUp();
     ASSERT_TRUE(tvx_test_simulator_scene(TVX_SCENE_STARFIELD, 7100, FALSE));
-  }
-  void TearDown() override {
-    camera_delete(camera_);
-    ReadoutTest::TearDown();
   }
 
   // The statistics of a 16-bit image, or of one of its regions.
@@ -50,8 +42,6 @@ class CameraPictures : public ReadoutTest {
       }
     return at;
   }
-
-  HANDLE camera_ = nullptr;
 };
 
 // Channel 1 runs at the low-light gain, where the brightest stars fill it; channel 2 sees a
