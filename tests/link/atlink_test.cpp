@@ -2,6 +2,7 @@
 // patterns, waits that give up, status texts and checks, and the transfers' byte order.
 #include <cstdio>
 #include <regex>
+#include <tuple>
 
 #include "link/link_support.h"
 #include "sim/slot.h"
@@ -23,20 +24,6 @@ class Adapter : public LinkTest {
     link_ = atlink_new(timeout, name, base);
     return link_;
   }
-  std::string printed() {
-    FILE *f = std::tmpfile();
-    atlink_print(link_, f);
-    std::rewind(f);
-    char line[256] = {};
-    std::fgets(line, sizeof line, f);
-    std::fclose(f);
-    return line;
-  }
-  WORD control() {
-    WORD value = 0;
-    EXPECT_TRUE(atlink_read_control_register(link_, 0xFFFF, &value));
-    return value;
-  }
   HANDLE link_ = nullptr;
 };
 
@@ -48,15 +35,15 @@ TEST_F(Adapter, TimeoutMustLieBetweenOneAnd6499) {
     EXPECT_EQ(last_causes(), std::vector<INT32>{0x3001});
     err_reset_all(stack());
   }
-  EXPECT_NE(printed().find(", 250, "), std::string::npos) << "the old value is kept";
+  EXPECT_HAS(printed(link_), ", 250, ");  // the old value is kept
   EXPECT_FALSE(atlink_set_timeout(link_, 6500));
-  EXPECT_NE(last_text().find("io_timeout (6500) is out of range: 1 - 6500"), std::string::npos);
+  EXPECT_HAS(last_text(), "io_timeout (6500) is out of range: 1 - 6500");
   err_reset_all(stack());
   EXPECT_TRUE(atlink_set_timeout(link_, 1));
   EXPECT_TRUE(atlink_set_timeout(link_, 6499));
   // io_loops is calibrated from the timer: a positive count for any time-out.
   std::smatch m;
-  const std::string text = printed();
+  const std::string text = printed(link_);
   ASSERT_TRUE(std::regex_match(
       text, m, std::regex(R"(atlink\(0, -1, 6499, (\d+), 0, addr\(200, 202, 204\)\))")))
       << text;
@@ -66,17 +53,16 @@ TEST_F(Adapter, TimeoutMustLieBetweenOneAnd6499) {
 TEST_F(Adapter, BaseAddressIsOneOfFour) {
   ASSERT_NE(open("atlink"), nullptr);
   EXPECT_FALSE(atlink_set_base_address(link_, 0x280));
-  EXPECT_NE(last_text().find("invalid base address 0x280 (valid addresses 0x150, 0x200, 0x250, "
-                             "0x300)."),
-            std::string::npos);
+  EXPECT_HAS(last_text(),
+             "invalid base address 0x280 (valid addresses 0x150, 0x200, 0x250, 0x300).");
   EXPECT_EQ(last_causes(), std::vector<INT32>{0x3002});
   err_reset_all(stack());
-  EXPECT_NE(printed().find("addr(200, 202, 204)"), std::string::npos) << "ports unchanged";
+  EXPECT_HAS(printed(link_), "addr(200, 202, 204)");  // ports unchanged
   EXPECT_TRUE(atlink_set_base_address(link_, 0x300));
-  EXPECT_NE(printed().find("addr(300, 302, 304)"), std::string::npos);
+  EXPECT_HAS(printed(link_), "addr(300, 302, 304)");
   // A constructor that meets a bad address gives no adapter and keeps nothing.
   EXPECT_EQ(atlink_new(100, "atlink", 0x151), nullptr);
-  EXPECT_NE(last_text().find("atlink_new"), std::string::npos);
+  EXPECT_HAS(last_text(), "atlink_new");
 }
 
 TEST_F(Adapter, LinkSpeedBitsOnTheSimulatedCard) {
@@ -84,19 +70,14 @@ TEST_F(Adapter, LinkSpeedBitsOnTheSimulatedCard) {
   tvx::sim::Card *card = tvx::sim::card_at(kBase);
   ASSERT_NE(card, nullptr);
   ASSERT_TRUE(atlink_write_control_register(link_, 0x8101, 1));
-  struct Case {
-    INT16 speed;
-    WORD bits;
-  };
-  for (Case c : {Case{20, 0x00E0}, Case{5, 0x00C0}, Case{10, 0x0000}, Case{5, 0x00C0}}) {
-    EXPECT_TRUE(atlink_linkspeed(link_, c.speed));
-    EXPECT_EQ(card->control() & 0x00E0, c.bits) << c.speed;
-    EXPECT_EQ(card->control() & ~0x00E0, 0x8101) << "other bits kept at " << c.speed;
+  const std::pair<INT16, WORD> cases[] = {{20, 0x00E0}, {5, 0x00C0}, {10, 0x0000}, {5, 0x00C0}};
+  for (const auto &[speed, bits] : cases) {
+    EXPECT_TRUE(atlink_linkspeed(link_, speed));
+    EXPECT_EQ(card->control() & 0x00E0, bits) << speed;
+    EXPECT_EQ(card->control() & ~0x00E0, 0x8101) << "other bits kept at " << speed;
   }
   EXPECT_FALSE(atlink_linkspeed(link_, 15));
-  EXPECT_NE(last_text().find("invalid transputer link speed setting '15'. (valid speeds 5, 10, "
-                             "20)."),
-            std::string::npos);
+  EXPECT_HAS(last_text(), "invalid transputer link speed setting '15'. (valid speeds 5, 10, 20).");
   EXPECT_EQ(card->control() & 0x00E0, 0x00C0);
   err_reset_all(stack());
   // The resets leave both transputers running and the FIFOs out of reset.
@@ -117,13 +98,12 @@ TEST_F(Adapter, ControlChangesReadModifyWriteAndRefuseUnknownModes) {
   EXPECT_TRUE(atlink_disable_interrupts(link_));
   EXPECT_EQ(card.control_writes, (std::vector<WORD>{0x1204, 0x9205, 0x9005}));
   EXPECT_FALSE(atlink_write_control_register(link_, 0x0001, 2));
-  EXPECT_NE(last_text().find("change_bits-> unknown binary value"), std::string::npos)
-      << last_text();
+  EXPECT_HAS(last_text(), "change_bits-> unknown binary value");
   EXPECT_EQ(card.control_writes.size(), 3u) << "nothing written";
   err_reset_all(stack());
   EXPECT_FALSE(atlink_enable_interrupts(link_));
   EXPECT_EQ((*stack())->category, ERR_PROGRAMMER);
-  EXPECT_NE(last_text().find("not implemented."), std::string::npos);
+  EXPECT_HAS(last_text(), "not implemented.");
   EXPECT_EQ(card.control_writes.size(), 3u);
 }
 
@@ -163,24 +143,22 @@ TEST_F(Adapter, WaitsGiveUpAfterTheTimeoutWithFiveCauses) {
   EXPECT_LT(time_centiseconds() - start, 310u);
   EXPECT_EQ((*stack())->category, ERR_TIMEOUT);
   EXPECT_EQ(last_causes(), kWaitCauses);
-  EXPECT_NE(last_text().find("atlink_wait_for_input-> no input available (Receiver Fifo Empty)."),
-            std::string::npos);
+  EXPECT_HAS(last_text(), "atlink_wait_for_input-> no input available (Receiver Fifo Empty).");
   err_reset_all(stack());
   start = time_centiseconds();
   EXPECT_FALSE(atlink_write_INT16(link_, 7));
   EXPECT_GE(time_centiseconds() - start, 300u);
   EXPECT_EQ(last_causes(), kWaitCauses);
-  EXPECT_NE(last_text().find("atlink_write_INT16-> .\natlink_wait_to_output-> unable to output "
-                             "(Transmit Fifo Full)."),
-            std::string::npos)
-      << last_text();
+  EXPECT_HAS(
+      last_text(),
+      "atlink_write_INT16-> .\natlink_wait_to_output-> unable to output (Transmit Fifo Full).");
   err_reset_all(stack());
   // A word that comes in during the wait ends it.
   card.incoming = {0x0102};
   INT16 value = 0;
   EXPECT_FALSE(atlink_read_INT16_array(link_, &value, 1));
-  EXPECT_NE(last_text().find("atlink_read_INT16-> .\natlink_read_BYTE_array"), std::string::npos)
-      << "the array reads in the single value's name: " << last_text();
+  // The array reads in the single value's name.
+  EXPECT_HAS(last_text(), "atlink_read_INT16-> .\natlink_read_BYTE_array");
 }
 
 TEST_F(Adapter, IntegersCrossTheLinkLowByteFirst) {
@@ -198,44 +176,36 @@ TEST_F(Adapter, IntegersCrossTheLinkLowByteFirst) {
 
   // Reading takes the low byte of each port word for bytes, and the whole word for WORDs.
   card.incoming = {0x11FE, 0x22FF, 0x78, 0x56, 0x34, 0x12, 0x02, 0x01, 0x04, 0x80, 0xBEEF, 0x99};
-  INT16 i16 = 0;
+  INT16 i16 = 0, array[2] = {};
   INT32 i32 = 0;
-  INT16 array[2] = {};
   WORD word = 0;
   BYTE byte = 0;
-  EXPECT_TRUE(atlink_read_INT16(link_, &i16));
-  EXPECT_EQ(i16, -2);
-  EXPECT_TRUE(atlink_read_INT32(link_, &i32));
-  EXPECT_EQ(i32, 0x12345678);
-  EXPECT_TRUE(atlink_read_INT16_array(link_, array, 2));
-  EXPECT_EQ(array[0], 0x0102);
-  EXPECT_EQ(array[1], static_cast<INT16>(0x8004));
-  EXPECT_TRUE(atlink_read_WORD(link_, &word));
-  EXPECT_EQ(word, 0xBEEF);
-  EXPECT_TRUE(atlink_read_BYTE(link_, &byte));
-  EXPECT_EQ(byte, 0x99);
+  ASSERT_TRUE(atlink_read_INT16(link_, &i16) && atlink_read_INT32(link_, &i32) &&
+              atlink_read_INT16_array(link_, array, 2) && atlink_read_WORD(link_, &word) &&
+              atlink_read_BYTE(link_, &byte));
+  EXPECT_EQ(std::vector<INT32>({i16, i32, array[0], array[1], word, byte}),
+            std::vector<INT32>({-2, 0x12345678, 0x0102, INT16(0x8004), 0xBEEF, 0x99}));
 }
 
+// The error flags read 1 when set, the FIFO flags 0 (bit 0x08: half full).
 TEST_F(Adapter, StatusTextsFollowEachFlagsPolarity) {
   ScriptedCard card(kBase);
   ASSERT_NE(open("atlink"), nullptr);
-  char text[264];
-  card.status = 0x0000;
-  EXPECT_TRUE(atlink_describe_status(link_, 0x03, text));
-  EXPECT_STREQ(text, "Local transputer not in error\nDistant transputer not in error\n");
-  card.status = 0x0003;
-  EXPECT_TRUE(atlink_describe_status(link_, 0x03, text));
-  EXPECT_STREQ(text, "Local transputer in error\nDistant transputer in error\n");
-  EXPECT_TRUE(atlink_describe_status(link_, 0x08, text));
-  EXPECT_STREQ(text, "Receiver fifo half full\n") << "bit 0x08 reads 0";
-  card.status = 0x0008;
-  EXPECT_TRUE(atlink_describe_status(link_, 0x08, text));
-  EXPECT_STREQ(text, "");
-  card.status = 0x0020;
-  EXPECT_TRUE(atlink_describe_status(link_, 0xFC, text));
-  EXPECT_STREQ(text,
-               "Receiver fifo half full\nReceiver fifo full\nTransmit fifo not empty\n"
-               "Transmit fifo half full\nTransmit fifo full\n");
+  const std::tuple<WORD, WORD, const char *> cases[] = {
+      {0x0000, 0x03, "Local transputer not in error\nDistant transputer not in error\n"},
+      {0x0003, 0x03, "Local transputer in error\nDistant transputer in error\n"},
+      {0x0003, 0x08, "Receiver fifo half full\n"},
+      {0x0008, 0x08, ""},
+      {0x0020, 0xFC,
+       "Receiver fifo half full\nReceiver fifo full\nTransmit fifo not empty\n"
+       "Transmit fifo half full\nTransmit fifo full\n"},
+  };
+  for (const auto &[status, mask, expected] : cases) {
+    char text[264];
+    card.status = status;
+    EXPECT_TRUE(atlink_describe_status(link_, mask, text));
+    EXPECT_STREQ(text, expected) << std::hex << status << " " << mask;
+  }
 }
 
 TEST_F(Adapter, CheckStatusNamesTheFirstFault) {
@@ -243,22 +213,21 @@ TEST_F(Adapter, CheckStatusNamesTheFirstFault) {
   ASSERT_NE(open("atlink"), nullptr);
   struct Case {
     WORD status;
-    bool receiving;
     const char *text;
     std::vector<INT32> causes;
   };
   const Case cases[] = {
-      {0x00FF, true, "local transputer in error", {0x200c}},
-      {0x00FE, true, "host transmit fifo not empty", {0x3004, 0x200c}},
-      {0x00DA, true, "host receiver fifo not empty", {0x200c}},
+      {0x00FF, "local transputer in error", {0x200c}},
+      {0x00FE, "host transmit fifo not empty", {0x3004, 0x200c}},
+      {0x00DA, "host receiver fifo not empty", {0x200c}},
   };
+  // A word waits in the receiver each time.
   for (const Case &c : cases) {
     card.status = c.status;
-    card.incoming.assign(c.receiving ? 1 : 0, 0);
+    card.incoming = {0};
     EXPECT_FALSE(atlink_check_status(link_));
     EXPECT_EQ((*stack())->category, ERR_OUT_OF_RANGE);
-    EXPECT_NE(last_text().find(std::string("atlink_check_status-> ") + c.text), std::string::npos)
-        << last_text();
+    EXPECT_HAS(last_text(), std::string("atlink_check_status-> ") + c.text);
     EXPECT_EQ(last_causes(), c.causes);
     err_reset_all(stack());
   }
@@ -277,9 +246,7 @@ TEST_F(Adapter, StaleHandleIsRefusedWithTheOperationsName) {
   EXPECT_TRUE(atlink_delete(link_));
   link_ = nullptr;
   EXPECT_FALSE(atlink_linkspeed(stale, 5));
-  EXPECT_NE(last_text().find("atlink_linkspeed-> .\nhandle_lock-> invalid memory handle"),
-            std::string::npos)
-      << last_text();
+  EXPECT_HAS(last_text(), "atlink_linkspeed-> .\nhandle_lock-> invalid memory handle");
   err_reset_all(stack());
   EXPECT_FALSE(atlink_verbose(stale));
   EXPECT_TRUE(atlink_delete(nullptr));
@@ -289,7 +256,7 @@ TEST_F(Adapter, RunningOutOfMemoryLeavesNothingBehind) {
   for (INT32 nth = 1; nth <= 2; ++nth) {
     tvx_test_fail_allocation(nth, FALSE);
     EXPECT_EQ(open("simulator"), nullptr) << nth;
-    EXPECT_NE(last_text().find("atlink_new"), std::string::npos);
+    EXPECT_HAS(last_text(), "atlink_new");
     EXPECT_FALSE(port_claimed(kBase)) << "no card left on the bus";
     err_reset_all(stack());
   }
@@ -310,7 +277,7 @@ TEST_F(Adapter, SimulatorComesAndGoesWithTheAdapter) {
   EXPECT_FALSE(port_claimed(0x150));
   ScriptedCard other(0x300);
   EXPECT_EQ(atlink_new(100, "simulator", 0x300), nullptr) << "the ports are taken";
-  EXPECT_NE(last_text().find("port 0x300 is already claimed"), std::string::npos);
+  EXPECT_HAS(last_text(), "port 0x300 is already claimed");
 }
 
 }  // namespace

@@ -3,7 +3,14 @@
 // registers a test sets and whose writes it reads back.
 #pragma once
 
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <deque>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -11,11 +18,19 @@
 #include "tvx/atlink.h"
 #include "tvx/ports.h"
 
+// The text holds the piece; a failure shows both.
+#define EXPECT_HAS(text, piece) EXPECT_PRED_FORMAT2(::testing::IsSubstring, piece, text)
+
 namespace tvx_test {
 
 inline std::string data_file(const char *name) {
   std::string here = __FILE__;
   return here.substr(0, here.rfind("/tests/")) + "/data/sim/" + name;
+}
+
+inline std::vector<uint8_t> slurp(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 class LinkTest : public FrameTest {
@@ -28,8 +43,18 @@ class LinkTest : public FrameTest {
   }
   void TearDown() override {
     tvx_test_simulator_reset();
+    for (const std::string &path : made_) std::remove(path.c_str());
     FrameTest::TearDown();
   }
+  // A file of these bytes, removed when the test ends.
+  std::string craft(const char *name, const std::vector<uint8_t> &bytes) {
+    std::string path = ::testing::TempDir() + "tvx_" + std::to_string(getpid()) + "_" + name;
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char *>(bytes.data()), std::streamsize(bytes.size()));
+    made_.push_back(path);
+    return path;
+  }
+  std::vector<std::string> made_;
 };
 
 // Registers a test sets by hand, at a base address, recording every write.
@@ -72,6 +97,18 @@ struct ScriptedCard {
     }
   }
 };
+
+// What atlink_print writes for an adapter.
+inline std::string printed(HANDLE link) {
+  char *text = nullptr;
+  size_t size = 0;
+  FILE *stream = open_memstream(&text, &size);
+  atlink_print(link, stream);
+  std::fclose(stream);
+  std::string result = text;
+  std::free(text);
+  return result;
+}
 
 // The newest error's routine path and causes, as the application would see them.
 inline std::string last_text() {

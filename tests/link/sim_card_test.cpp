@@ -5,9 +5,6 @@
 #include "sim/slot.h"
 #include "sim/ucode.h"
 
-#include <fstream>
-#include <iterator>
-
 namespace {
 
 using namespace tvx_test;
@@ -88,12 +85,8 @@ TEST_F(SimCard, ReceiveFifoFlagsAndTheBootedControllersTraffic) {
 
 // A block run with the ROM loader off stays in the FIFO; one run out of order stops the card.
 TEST_F(SimCard, LoaderNeedsTheRomBitAndBlocksInOrder) {
-  std::ifstream in(data_file("atlinit.btm"), std::ios::binary);
-  std::vector<char> file{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  auto word = [&](size_t i) {
-    return static_cast<WORD>(static_cast<uint8_t>(file[2 * i]) |
-                             static_cast<uint8_t>(file[2 * i + 1]) << 8);
-  };
+  const std::vector<uint8_t> file = slurp(data_file("atlinit.btm"));
+  auto word = [&](size_t i) { return static_cast<WORD>(file[2 * i] | file[2 * i + 1] << 8); };
   ASSERT_EQ(word(0), 30);
   auto run_block = [&](size_t first, WORD control) {
     port_out16(kControl, static_cast<WORD>(control & ~0x0001));
@@ -115,11 +108,7 @@ TEST_F(SimCard, LoaderNeedsTheRomBitAndBlocksInOrder) {
 
 TEST(SimMicroCode, ShippedFilesPassTheControllersChecks) {
   namespace uc = sim::ucode;
-  auto read = [](const char *name) {
-    std::ifstream in(data_file(name), std::ios::binary);
-    return std::vector<uint8_t>{std::istreambuf_iterator<char>(in),
-                                std::istreambuf_iterator<char>()};
-  };
+  auto read = [](const char *name) { return slurp(data_file(name)); };
   std::string name;
   EXPECT_EQ(uc::check_image(read("install.btl"), uc::kBootMagic, &name), uc::Verdict::ok);
   EXPECT_EQ(name, "install");
