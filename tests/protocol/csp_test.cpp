@@ -8,19 +8,11 @@ namespace {
 
 using namespace tvx_test;
 
-bool has(const std::string &text, const std::string &piece) {
-  return text.find(piece) != std::string::npos;
-}
-
 class Packets : public WireTest {};
 
+// A packet without parameters is the probe every command test sees go out.
 TEST_F(Packets, WireWordsOfAPacketAndItsReply) {
-  // No parameters: the count, then the header alone.
-  ASSERT_TRUE(csp_message_out(packets_, 1, 7, 0));
-  EXPECT_EQ(wire_.sent, (std::vector<INT16>{3, 1, -1, 7}));
-  wire_.sent.clear();
-  ASSERT_TRUE(csp_set_msg_param(packets_, 0, -2));
-  ASSERT_TRUE(csp_set_msg_param(packets_, 1, 300));
+  ASSERT_TRUE(csp_set_msg_param(packets_, 0, -2) && csp_set_msg_param(packets_, 1, 300));
   ASSERT_TRUE(csp_new_address(packets_, 9));
   ASSERT_TRUE(csp_message_out(packets_, 4, 12, 2));
   EXPECT_EQ(wire_.sent, (std::vector<INT16>{5, 4, 9, 12, -2, 300}));
@@ -31,9 +23,7 @@ TEST_F(Packets, WireWordsOfAPacketAndItsReply) {
   csp_get_params_size(packets_, &n);
   csp_get_control(packets_, &control);
   csp_get_msg_param(packets_, 2, &p2);
-  EXPECT_EQ(n, 3);
-  EXPECT_EQ(control, 100);
-  EXPECT_EQ(p2, 7);
+  EXPECT_EQ(std::vector<INT16>({n, control, p2}), std::vector<INT16>({3, 100, 7}));
   EXPECT_TRUE(csp_expected(packets_, 100, 3));
 
   FILE *f = std::tmpfile();
@@ -49,8 +39,8 @@ TEST_F(Packets, SizesOutsideThePacketNeverReachTheWire) {
   for (INT16 bad : {INT16{-1}, INT16{201}}) {
     wire_.incoming = {bad, 1, 2, 3};
     EXPECT_FALSE(csp_message_in(packets_));
-    EXPECT_TRUE(has(last(), "invalid csp receive packet size")) << last();
-    EXPECT_EQ(causes(), (std::vector<INT32>{0x3009, 0x3007}));
+    EXPECT_HAS(last_text(), "invalid csp receive packet size");
+    EXPECT_EQ(last_causes(), (std::vector<INT32>{0x3009, 0x3007}));
     EXPECT_EQ(wire_.incoming.size(), 3u) << "nothing read past the size";
     INT16 n = -5;
     csp_get_params_size(packets_, &n);
@@ -59,8 +49,8 @@ TEST_F(Packets, SizesOutsideThePacketNeverReachTheWire) {
   }
   // The bad size stays in the buffer: sending it as it is is refused before a word goes out.
   EXPECT_FALSE(csp_send_packet(packets_));
-  EXPECT_TRUE(has(last(), "invalid csp send packet size"));
-  EXPECT_EQ(causes(), std::vector<INT32>{0x3007});
+  EXPECT_HAS(last_text(), "invalid csp send packet size");
+  EXPECT_EQ(last_causes(), std::vector<INT32>{0x3007});
   err_reset_all(stack());
   EXPECT_FALSE(csp_message_out(packets_, 1, 2, 198));
   EXPECT_TRUE(wire_.sent.empty());
@@ -69,19 +59,16 @@ TEST_F(Packets, SizesOutsideThePacketNeverReachTheWire) {
   // A transport that fails is named on the way out.
   wire_.refuse_writes = true;
   EXPECT_FALSE(csp_message_out(packets_, 1, 2, 0));
-  EXPECT_TRUE(has(last(), "csp_send_packet")) << last();
+  EXPECT_HAS(last_text(), "csp_send_packet");
 }
 
 TEST_F(Packets, GivesUpAfterThreeMessageFailures) {
-  {
-    auto *r = static_cast<csp *>(handle_lock(packets_, "test"));
-    r->failures = 3;
-    handle_unlock(packets_, "test");
-  }
+  static_cast<csp *>(handle_lock(packets_, "test"))->failures = 3;
+  handle_unlock(packets_, "test");
   wire_.complete();
   EXPECT_FALSE(csp_message_in(packets_));
-  EXPECT_TRUE(has(last(), "giving up after exceeding '3' message failures.")) << last();
-  EXPECT_EQ(causes(), std::vector<INT32>{0x3006});
+  EXPECT_HAS(last_text(), "giving up after exceeding '3' message failures.");
+  EXPECT_EQ(last_causes(), std::vector<INT32>{0x3006});
   EXPECT_EQ(wire_.incoming.size(), 4u);
   // With an error already pending the refusal stacks above it instead of hiding it.
   EXPECT_FALSE(csp_message_out(packets_, 1, 1, 0));
@@ -94,18 +81,18 @@ TEST_F(Packets, CopyBoundsAndTheirMessages) {
   INT16 words[200] = {};
   EXPECT_TRUE(csp_copy_BYTE_params(packets_, bytes, 94, 100));
   EXPECT_FALSE(csp_copy_BYTE_params(packets_, bytes, 95, 100));
-  EXPECT_TRUE(has(last(), "copy (100,95) extends past csp params end (194)")) << last();
+  EXPECT_HAS(last_text(), "copy (100,95) extends past csp params end (194)");
   err_reset_all(stack());
   EXPECT_TRUE(csp_copy_INT16_params(packets_, words, 7, 190));
   EXPECT_FALSE(csp_copy_INT16_params(packets_, words, 8, 190));
-  EXPECT_TRUE(has(last(), "copy (8,190) extends past csp params end (197)")) << last();
+  EXPECT_HAS(last_text(), "copy (8,190) extends past csp params end (197)");
   EXPECT_EQ((*stack())->category, ERR_PROGRAMMER);
   err_reset_all(stack());
   EXPECT_FALSE(csp_copy_INT16_params(packets_, words, -1, 0));
   err_reset_all(stack());
   EXPECT_TRUE(csp_copy_params_to_INT16s(packets_, words, 197));
   EXPECT_FALSE(csp_copy_params_to_INT16s(packets_, words, 198));
-  EXPECT_TRUE(has(last(), "copy (198) extends past csp params end (197)")) << last();
+  EXPECT_HAS(last_text(), "copy (198) extends past csp params end (197)");
   err_reset_all(stack());
 
   // Bytes are widened without their sign, and land where the offset says.
@@ -113,8 +100,7 @@ TEST_F(Packets, CopyBoundsAndTheirMessages) {
   INT16 p5 = 0, p6 = 0;
   csp_get_msg_param(packets_, 5, &p5);
   csp_get_msg_param(packets_, 6, &p6);
-  EXPECT_EQ(p5, 255);
-  EXPECT_EQ(p6, 1);
+  EXPECT_EQ(std::vector<INT16>({p5, p6}), std::vector<INT16>({255, 1}));
 }
 
 TEST_F(Packets, ReplyChecksNameWhatIsWrong) {
@@ -122,19 +108,19 @@ TEST_F(Packets, ReplyChecksNameWhatIsWrong) {
   ASSERT_TRUE(csp_message_in(packets_));
   EXPECT_TRUE(csp_expect_n_params(packets_, 0, 0));
   EXPECT_FALSE(csp_expected(packets_, 100, 1));
-  EXPECT_TRUE(has(last(), "invalid number of csp parameters (bounds (1, 1), actual 0)")) << last();
-  EXPECT_TRUE(has(last(), "csp_expected")) << last();
-  EXPECT_EQ(causes(), (std::vector<INT32>{0x3009, 0x3007}));
+  EXPECT_HAS(last_text(), "invalid number of csp parameters (bounds (1, 1), actual 0)");
+  EXPECT_HAS(last_text(), "csp_expected");
+  EXPECT_EQ(last_causes(), (std::vector<INT32>{0x3009, 0x3007}));
   err_reset_all(stack());
 
   EXPECT_FALSE(csp_expected2(packets_, 101, 0, 5));
-  EXPECT_TRUE(has(last(), "unexpected csp control (expected 101, actual 100)")) << last();
+  EXPECT_HAS(last_text(), "unexpected csp control (expected 101, actual 100)");
   err_reset_all(stack());
 
   wire_.reply(100, {}, 3);
   ASSERT_TRUE(csp_message_in(packets_));
   EXPECT_FALSE(csp_expected2(packets_, 100, 0, 0));
-  EXPECT_TRUE(has(last(), "invalid csp destination (expected -1, actual 3)")) << last();
+  EXPECT_HAS(last_text(), "invalid csp destination (expected -1, actual 3)");
 }
 
 }  // namespace

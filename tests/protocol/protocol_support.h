@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "support/frame.h"
+#include "link/link_support.h"
 #include "tvx/cs71.h"
 #include "tvx/csp.h"
 
@@ -80,12 +80,6 @@ class WireTest : public FrameTest {
     for (const auto &p : parts) all.insert(all.end(), p.begin(), p.end());
     return all;
   }
-  std::vector<INT32> causes() {
-    std::vector<INT32> all;
-    for (err_cause *c = (*stack())->causes; c != nullptr; c = c->next) all.push_back(c->cause);
-    return all;
-  }
-  std::string last() { return print_last(ERR_MODE_TRACEBACK); }
 
   Wire wire_;
   HANDLE packets_ = nullptr;
