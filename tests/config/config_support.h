@@ -23,6 +23,19 @@ inline std::string read_text(const std::string &path) {
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
+// What `print` writes to a stream.
+template <class Print>
+std::string printed(Print print) {
+  char *text = nullptr;
+  size_t length = 0;
+  FILE *out = open_memstream(&text, &length);
+  print(out);
+  std::fclose(out);
+  std::string result(text, length);
+  std::free(text);
+  return result;
+}
+
 class ConfigTest : public FrameTest {
  protected:
   void SetUp() override {

@@ -12,13 +12,14 @@ using namespace tvx_test;
 
 class Records : public ConfigTest {
  protected:
-  // The hardware file with `from` replaced by `to`, read with the small chip.
-  HANDLE broken_hardware(const std::string &from, const std::string &to) {
-    std::string text = read_text(shipped("7100hw.def"));
+  // The hardware and small chip files with `from` replaced by `to` in the one that holds it.
+  HANDLE broken(const std::string &from, const std::string &to) {
+    std::string hw = read_text(shipped("7100hw.def")), chip = read_text(shipped("sim_small.def"));
+    std::string &text = hw.find(from) != std::string::npos ? hw : chip;
     size_t at = text.find(from);
     EXPECT_NE(at, std::string::npos) << from;
     if (at != std::string::npos) text.replace(at, from.size(), to);
-    return parse(text, read_text(shipped("sim_small.def")));
+    return parse(hw, chip);
   }
 };
 
@@ -35,22 +36,14 @@ TEST_F(Records, EveryShippedPairParsesChecksAndFillsEveryRecord) {
 
     device dev{};
     ASSERT_TRUE(device_extract(&dev, c)) << story();
-    EXPECT_STREQ(dev.name, "simulator");
-    EXPECT_EQ(dev.base_address, 0x150);
     trans tr{};
     ASSERT_TRUE(trans_extract(&tr, c)) << story();
-    EXPECT_EQ(tr.linkspeed, 20);
-    EXPECT_STREQ(tr.atlinit_file, "atlinit.btm");
-    EXPECT_STREQ(tr.boot_file, "install.btl");
-    EXPECT_STREQ(tr.procinit_file, "procinit");
-    EXPECT_STREQ(tr.camera_file, "camera.r2h");
     adc converter{};
     ASSERT_TRUE(adc_extract(&converter, c)) << story();
     EXPECT_EQ(converter.shutter[3], 20);
     volts v{};
     ASSERT_TRUE(volts_extract(&v, c)) << story();
     for (INT32 k = 0; k < VOLTS_COUNT; ++k) EXPECT_STREQ(v.entries[k].name, volts_id_name(k));
-    EXPECT_DOUBLE_EQ(v.entries[0].nominal, 28.0);
     HANDLE programs = nullptr;
     ASSERT_TRUE(camprogs_extract(&programs, c)) << story();
     EXPECT_EQ(list_size(programs), 3);
@@ -63,19 +56,15 @@ TEST_F(Records, EveryShippedPairParsesChecksAndFillsEveryRecord) {
     EXPECT_EQ(chip_record.active_area[3], chip_record.ysize);
     EXPECT_GT(chip_record.ptiming_count, 0);
 
-    char *printed = nullptr;
-    size_t length = 0;
-    FILE *out = open_memstream(&printed, &length);
-    device_print(&dev, out);
-    trans_print(&tr, out);
-    adc_print(&converter, out);
-    volts_print(&v, out);
-    ccd_print(&chip_record, out);
-    camprog_print(flush, out);
-    EXPECT_TRUE(config_print(c, out));
-    std::fclose(out);
-    std::string text(printed, length);
-    std::free(printed);
+    std::string text = printed([&](FILE *out) {
+      device_print(&dev, out);
+      trans_print(&tr, out);
+      adc_print(&converter, out);
+      volts_print(&v, out);
+      ccd_print(&chip_record, out);
+      camprog_print(flush, out);
+      EXPECT_TRUE(config_print(c, out));
+    });
     EXPECT_NE(text.find("device (name simulator, base_addr 150, unit 0)\n"), std::string::npos);
     EXPECT_NE(text.find("trans(io_timeout 500, linkspeed 20, boot_from_rom 'FALSE', atlinit_file "
                         "atlinit.btm, boot_file install.btl, procinit_file procinit, camera_file "
@@ -100,7 +89,7 @@ TEST_F(Records, EveryShippedPairParsesChecksAndFillsEveryRecord) {
 }
 
 TEST_F(Records, BrokenHardwareFilesFailWithTheirText) {
-  HANDLE c = broken_hardware("    linkspeed = 20\n", "");
+  HANDLE c = broken("    linkspeed = 20\n", "");
   ASSERT_NE(c, nullptr);
   EXPECT_FALSE(config_check_section(c, "TRANSPUTER"));
   EXPECT_EQ(story(),
@@ -114,24 +103,21 @@ TEST_F(Records, BrokenHardwareFilesFailWithTheirText) {
   err_reset_all(stack());
   trans_dtor(&tr);
 
-  c = broken_hardware("    io_timeout = 500", "    io_timeout = 7000");
-  EXPECT_FALSE(config_check_section(c, "TRANSPUTER"));
-  EXPECT_NE(story().find("identifier 'io_timeout' (7000) not in the range '1 6499'"),
-            std::string::npos);
-
-  c = broken_hardware("    base_address = 0x150", "    base_address = 0x151");
-  EXPECT_FALSE(config_check_section(c, "DEVICE"));
-  EXPECT_NE(story().find("identifier 'base_address' (0x151) not in the selection"),
-            std::string::npos);
-
-  c = broken_hardware("    boot_from_rom = FALSE", "    boot_from_rom = 3");
-  EXPECT_FALSE(config_check_section(c, "TRANSPUTER"));
-  EXPECT_NE(story().find("invalid data type 'b' for identifier 'boot_from_rom' in def file"),
-            std::string::npos);
+  const char *const cases[][4] = {
+      {"io_timeout = 500", "io_timeout = 7000", "TRANSPUTER",
+       "identifier 'io_timeout' (7000) not in the range '1 6499'"},
+      {"base_address = 0x150", "base_address = 0x151", "DEVICE",
+       "identifier 'base_address' (0x151) not in the selection"},
+      {"boot_from_rom = FALSE", "boot_from_rom = 3", "TRANSPUTER",
+       "invalid data type 'b' for identifier 'boot_from_rom' in def file"}};
+  for (const auto &[from, to, section, said] : cases) {
+    EXPECT_FALSE(config_check_section(broken(from, to), section)) << to;
+    EXPECT_NE(story().find(said), std::string::npos) << to;
+  }
 }
 
 TEST_F(Records, VoltagesNeedAllFortyOneRows) {
-  HANDLE c = broken_hardware("    stage4     = 5.00, 1.00\n", "");
+  HANDLE c = broken("    stage4     = 5.00, 1.00\n", "");
   volts v{};
   EXPECT_FALSE(volts_extract(&v, c));
   EXPECT_EQ(print_last(ERR_MODE_PATH), "volts_extract\n");
@@ -151,22 +137,20 @@ TEST_F(Records, VoltagesNeedAllFortyOneRows) {
 }
 
 TEST_F(Records, AdcAndCcdReadersForgiveWhatOnlyTheirLastRowDecides) {
-  HANDLE c = broken_hardware("    const1 = 0\n", "");
+  HANDLE c = broken("    const1 = 0\n", "");
   adc converter{};
   converter.const1 = 77;
   EXPECT_TRUE(adc_extract(&converter, c)) << story();
   EXPECT_EQ(converter.const1, 77) << "left as it was";
 
-  c = broken_hardware("    shutter = 20, 20, 20, 20", "    shutter = 20, 20, 20");
+  c = broken("    shutter = 20, 20, 20, 20", "    shutter = 20, 20, 20");
   EXPECT_FALSE(adc_extract(&converter, c));
   EXPECT_EQ(story(),
             "unable to extract 'shutter' from section 'ADC': No reasonable data was "
             "supplied. Sorry, there are no suggested causes.\n");
 
-  std::string chip = read_text(shipped("sim_small.def"));
-  std::string timing = "    parallel_timing = 10, 20, 10, 20, 10, 20, 40, 10";
-  chip.replace(chip.find(timing), timing.size(), "    parallel_timing = 1, 2, 3, 4, 5, 6, 7");
-  c = parse(read_text(shipped("7100hw.def")), chip);
+  c = broken("parallel_timing = 10, 20, 10, 20, 10, 20, 40, 10",
+             "parallel_timing = 1, 2, 3, 4, 5, 6, 7");
   ccd record{};
   ASSERT_TRUE(ccd_extract(&record, c)) << story();
   EXPECT_EQ(record.ptiming_count, 3) << "the odd value makes no pair";
@@ -174,10 +158,7 @@ TEST_F(Records, AdcAndCcdReadersForgiveWhatOnlyTheirLastRowDecides) {
   EXPECT_EQ(record.ptiming2[2], 6);
   ccd_dtor(&record);
 
-  chip = read_text(shipped("sim_small.def"));
-  std::string area = "    active_area = 0, 0, 64, 64";
-  chip.replace(chip.find(area), area.size(), "    active_area = 0, 0, 64");
-  c = parse(read_text(shipped("7100hw.def")), chip);
+  c = broken("active_area = 0, 0, 64, 64", "active_area = 0, 0, 64");
   EXPECT_FALSE(ccd_extract(&record, c));
   EXPECT_EQ(print_last(ERR_MODE_PATH), "ccd_extract-> \nccd_extract\n");
   EXPECT_NE(story().find("unable to extract 'active_area' from section 'CCD'"), std::string::npos);
@@ -195,19 +176,18 @@ TEST_F(Records, SimulatorSectionNamesTheFaultTheSimulatedCameraShows) {
   EXPECT_TRUE(simulator_apply(&sim));
   EXPECT_FALSE(tvx::sim::settings().power_off);
 
-  c = broken_hardware("    fault = none\n    drop_after = 0",
-                      "    fault = drop_words\n    drop_after = 40");
+  c = broken("    fault = none\n    drop_after = 0", "    fault = drop_words\n    drop_after = 40");
   ASSERT_TRUE(simulator_extract(&sim, c)) << story();
   EXPECT_TRUE(simulator_apply(&sim));
   EXPECT_EQ(tvx::sim::settings().drop_after, 40);
-  c = broken_hardware("    fault = none", "    fault = linkspeed_mismatch");
+  c = broken("    fault = none", "    fault = linkspeed_mismatch");
   ASSERT_TRUE(simulator_extract(&sim, c)) << story();
   EXPECT_TRUE(simulator_apply(&sim));
   EXPECT_NE(tvx::sim::settings().controller_speed, 5) << "the card boots at 5 Mbit/s";
   EXPECT_EQ(tvx::sim::settings().drop_after, 0) << "each fault replaces the last";
   tvx_test_simulator_reset();
 
-  c = broken_hardware("    fault = none", "    fault = melted");
+  c = broken("    fault = none", "    fault = melted");
   EXPECT_FALSE(simulator_extract(&sim, c));
   EXPECT_NE(story().find("identifier 'fault' (melted) not in the selection"), std::string::npos);
   std::snprintf(sim.fault, sizeof sim.fault, "melted");

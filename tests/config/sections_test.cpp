@@ -59,7 +59,7 @@ TEST_F(Sections, IdentifierRulesInBothModes) {
   EXPECT_NE(story().find("invalid id_expect string 'Sometimes'"), std::string::npos);
 }
 
-TEST_F(Sections, RangesAndSelections) {
+TEST_F(Sections, RangesAndSelectionsUpToTheLastDeclaredPair) {
   EXPECT_TRUE(check_one("1 16", "ir", "1"));
   EXPECT_TRUE(check_one("1 16", "ir", "16"));
   EXPECT_FALSE(check_one("1 16", "ir", "17"));
@@ -86,9 +86,8 @@ TEST_F(Sections, RangesAndSelections) {
   EXPECT_FALSE(check_one("TRUE", "bs", "T"));
   EXPECT_FALSE(check_one("1 2", "iq", "1"));
   EXPECT_NE(said.find("(1) has invalid syntax in def file '1 2'"), std::string::npos);
-}
 
-TEST_F(Sections, ExtraValuesAreCheckedAgainstTheLastPair) {
+  // Values beyond the declared pairs are checked against the last pair.
   const std::string declared =
       "DEFINE \"SECT\" Horizontal Only\n shutter, \"a\", sa, \"0 100\", ir\nSECT\n shutter = "
       "open, ";

@@ -2,6 +2,8 @@
 // shortfall after quoted line breaks), comments, the end byte and values ended in place.
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "config/tokenizer.h"
 #include "support/frame.h"
@@ -11,54 +13,23 @@ namespace {
 using namespace tvx::config;
 using namespace tvx_test;
 
-struct Case {
-  const char *token;
-  INT32 kind;
-};
-
 TEST(Tokenizer, ClassifiesBareTokensByTheFirstRuleTheyPass) {
-  const Case cases[] = {
-      {"3.btm", kFloat},
-      {"1.5.2", kFloat},
-      {".5", kFloat},
-      {"atlinit.btm", kString},
-      {"0x", kInteger},
-      {"0x1F", kInteger},
-      {"0XaB", kInteger},
-      {"+", kInteger},
-      {"-", kInteger},
-      {"-12", kInteger},
-      {"007", kInteger},
-      {"12ab", kError},
-      {"0xG", kError},
-      {"T", kBoolean},
-      {"TR", kBoolean},
-      {"TRUE", kBoolean},
-      {"F", kBoolean},
-      {"FALSE", kBoolean},
-      {"TRUEX", kSectionName},
-      {"D", kDefine},
-      {"DEFINE", kDefine},
-      {"E", kEnd},
-      {"END", kEnd},
-      {"END_SPEC", kEnd},
-      {"END_CONFIG", kEnd},
-      {"CCD", kSectionName},
-      {"GAIN_TABLE", kSectionName},
-      {"ADC1", kString},
-      {"/dev/ttyS0", kString},
-      {"camera.r2h", kString},
-      {"x$y_z", kString},
-      {"Horizontal", kString},
-      {"$x", kError},
-      {"a:b", kError},
-      {"c\\d", kError},
-      {"true", kString},
+  const std::pair<INT32, std::vector<const char *>> cases[] = {
+      {kFloat, {"3.btm", "1.5.2", ".5"}},
+      {kInteger, {"0x", "0x1F", "0XaB", "+", "-", "-12", "007"}},
+      {kBoolean, {"T", "TR", "TRUE", "F", "FALSE"}},
+      {kDefine, {"D", "DEFINE"}},
+      {kEnd, {"E", "END", "END_SPEC", "END_CONFIG"}},
+      {kSectionName, {"TRUEX", "CCD", "GAIN_TABLE"}},
+      {kString, {"atlinit.btm", "ADC1", "/dev/ttyS0", "camera.r2h", "x$y_z", "Horizontal", "true"}},
+      {kError, {"12ab", "0xG", "$x", "a:b", "c\\d"}},
   };
-  for (const Case &c : cases) {
-    int verbose = 0;
-    std::string text = std::string(c.token) + " ";  // a bare token is followed by its end
-    EXPECT_EQ(classify(text.c_str(), std::strlen(c.token), &verbose), c.kind) << c.token;
+  for (const auto &[kind, tokens] : cases) {
+    for (const char *token : tokens) {
+      int verbose = 0;
+      std::string text = std::string(token) + " ";  // a bare token is followed by its end
+      EXPECT_EQ(classify(text.c_str(), std::strlen(token), &verbose), kind) << token;
+    }
   }
   int verbose = 0;
   EXPECT_EQ(classify("V ", 1, &verbose), kEnd);
