@@ -27,12 +27,9 @@ void fail_three_deep() {
   err_append_cause(stack(), 0x200c);
 }
 
-TEST_F(ErrorStack, NoErrorPrintsCategoryZero) {
+TEST_F(ErrorStack, NoneOneAndThreeDeepWithCausesInEveryMode) {
   EXPECT_EQ(print_last(ERR_MODE_BRIEF), "No error. " + kNoCauses);
   EXPECT_EQ(print_all(ERR_MODE_TRACEBACK), "No error.\n" + kNoCauses);
-}
-
-TEST_F(ErrorStack, OneEntryInEveryMode) {
   err_terminal(stack(), ERR_NO_DATA, 0, "f", "x");
   EXPECT_EQ(print_last(ERR_MODE_BRIEF), "x: No reasonable data was supplied. " + kNoCauses);
   EXPECT_EQ(print_last(ERR_MODE_TRACEBACK),
@@ -40,9 +37,8 @@ TEST_F(ErrorStack, OneEntryInEveryMode) {
   EXPECT_EQ(print_last(ERR_MODE_PATH), "f\n");
   // Without causes, advice reads as the brief form.
   EXPECT_EQ(print_last(ERR_MODE_ADVICE), "x: No reasonable data was supplied. " + kNoCauses);
-}
+  err_reset_all(stack());
 
-TEST_F(ErrorStack, ThreeDeepWithCausesInEveryMode) {
   fail_three_deep();
   EXPECT_EQ(print_last(ERR_MODE_BRIEF),
             "while reading, reading port: Hardware error. " + kTwoCauses);
@@ -58,21 +54,24 @@ TEST_F(ErrorStack, ThreeDeepWithCausesInEveryMode) {
   EXPECT_EQ(std::string(text), "");
 }
 
-TEST_F(ErrorStack, OneCauseIsSingular) {
+TEST_F(ErrorStack, OneCauseUnknownCategoriesAndTrimmedFullStops) {
   err_terminal(stack(), ERR_TIMEOUT, 0, "wait", "no reply");
   err_append_cause(stack(), 0x1045);
   EXPECT_EQ(print_last(ERR_MODE_BRIEF),
             "no reply: Operation not completed within allotted time. Possible cause: Application "
             "programmer error\n");
-}
-
-TEST_F(ErrorStack, TrimmingDropsExactlyOneFullStop) {
+  err_reset_all(stack());
+  err_terminal(stack(), 42, 0, "f", "x");
+  err_append_cause(stack(), 0x9999);
+  EXPECT_EQ(print_last(ERR_MODE_BRIEF),
+            "x: unknown error category 42. Possible cause: Unknown cause code 39321 (9999H)\n");
+  err_reset_all(stack());
+  // Exactly one full stop is trimmed; the category's own is dropped too, and one put back.
   err_terminal(stack(), ERR_INCONSISTENT, 0, "f", "a..");
-  // The category's own full stop is dropped too, and one put back.
   EXPECT_EQ(print_last(ERR_MODE_BRIEF), "a.: Inconsistency error. " + kNoCauses);
 }
 
-TEST_F(ErrorStack, OperatingSystemErrorsShowTheSystemText) {
+TEST_F(ErrorStack, SystemAndLibraryErrorsShowTheirOwnTexts) {
   errno = EINTR;
   err_terminal(stack(), ERR_OS, ENOENT, "open", "opening file");
   EXPECT_EQ(errno, 0) << "setting an error clears errno";
@@ -82,9 +81,8 @@ TEST_F(ErrorStack, OperatingSystemErrorsShowTheSystemText) {
             "open-> opening file.\nOperating system detected error.: No such file or directory.\n" +
                 kNoCauses);
   EXPECT_EQ(errno, EBADF) << "printing leaves errno as it was";
-}
+  err_reset_all(stack());
 
-TEST_F(ErrorStack, LibraryErrorsShowNumberTextAndReason) {
   set_error(3);
   set_reason("the port did not answer.");
   err_terminal(stack(), ERR_HW_LIBRARY, 5, "g", "talking");
@@ -94,14 +92,8 @@ TEST_F(ErrorStack, LibraryErrorsShowNumberTextAndReason) {
   clear_error();
 }
 
-TEST_F(ErrorStack, UnknownCategoryAndCause) {
-  err_terminal(stack(), 42, 0, "f", "x");
-  err_append_cause(stack(), 0x9999);
-  EXPECT_EQ(print_last(ERR_MODE_BRIEF),
-            "x: unknown error category 42. Possible cause: Unknown cause code 39321 (9999H)\n");
-}
-
-TEST_F(ErrorStack, PushedRecordsPrintNewestFirstAndResetToTheBottom) {
+TEST_F(ErrorStack, PushedRecordsPrintNewestFirstAndResetFreesThemAll) {
+  INT32 blocks = tvx_test_platform_blocks();
   err_terminal(stack(), ERR_NO_DATA, 0, "first", "a");
   err_record *pushed = err_push(stack());
   EXPECT_EQ(*stack(), pushed);
@@ -121,36 +113,28 @@ TEST_F(ErrorStack, PushedRecordsPrintNewestFirstAndResetToTheBottom) {
   err_pop(stack());
   EXPECT_EQ(print_all(ERR_MODE_BRIEF), "a: No reasonable data was supplied. " + kNoCauses);
   err_push(stack());
-  err_terminal(stack(), ERR_SYNTAX, 0, "third", "c");
+  fail_three_deep();
+  err_qualify(stack(), "g", nullptr);
+  EXPECT_GT(tvx_test_platform_blocks(), blocks);
   err_reset_all(stack());
   EXPECT_EQ((*stack())->next, nullptr);
   EXPECT_EQ(print_all(ERR_MODE_BRIEF), "No error. " + kNoCauses);
+  EXPECT_EQ(tvx_test_platform_blocks(), blocks) << "every record, entry and cause is freed";
 }
 
-TEST_F(ErrorStack, ALibraryFailureWhileAnotherIsPendingStacksAboveIt) {
+TEST_F(ErrorStack, AFailureWhilePendingStacksAboveAndAnEditReplaces) {
   EXPECT_EQ(handle_allocate(0, 1, MEM_PLAIN), nullptr);
   EXPECT_EQ(handle_lock(nullptr, "test"), nullptr);
   EXPECT_EQ(print_all(ERR_MODE_PATH),
             "handle_lock\n...occurred during error...\nhandle_allocate\n");
-}
+  err_reset_all(stack());
 
-TEST_F(ErrorStack, EditReplacesCategoryAndAddsItsLine) {
+  // Editing replaces category and code, and adds its own line.
   err_terminal(stack(), ERR_NO_DATA, 1, "f", "x");
   err_edit(stack(), ERR_OUT_OF_RANGE, 2, "g", "y");
   EXPECT_EQ((*stack())->category, ERR_OUT_OF_RANGE);
   EXPECT_EQ((*stack())->code, 2);
   EXPECT_EQ(print_last(ERR_MODE_PATH), "g-> \nf\n");
-}
-
-TEST_F(ErrorStack, ResetFreesEveryRecordItMade) {
-  INT32 blocks = tvx_test_platform_blocks();
-  fail_three_deep();
-  err_push(stack());
-  err_terminal(stack(), ERR_NO_DATA, 0, "f", "x");
-  err_qualify(stack(), "g", nullptr);
-  EXPECT_GT(tvx_test_platform_blocks(), blocks);
-  err_reset_all(stack());
-  EXPECT_EQ(tvx_test_platform_blocks(), blocks);
 }
 
 TEST_F(ErrorStack, CompositionStopsBeforeOverflowingItsBuffer) {

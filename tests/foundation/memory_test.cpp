@@ -17,7 +17,7 @@ const memrec *header(const void *contents) {
   return reinterpret_cast<const memrec *>(static_cast<const char *>(contents) - TVX_BLOCK_HEADER);
 }
 
-TEST_F(Memory, BlocksAreAccountedToTheByte) {
+TEST_F(Memory, BlocksAreAccountedToTheByteAndDescribedByTheirHeader) {
   INT32 bytes = total_allocated(), blocks = number_of_allocations();
   HANDLE h = handle_allocate(1, 100, MEM_IMAGE);
   ASSERT_NE(h, nullptr);
@@ -32,10 +32,8 @@ TEST_F(Memory, BlocksAreAccountedToTheByte) {
 
   standard_free(s, "test");
   handle_free(h, "test");
-}
 
-TEST_F(Memory, HeaderDescribesTheBlock) {
-  HANDLE h = handle_allocate(10, 4, MEM_LIST);
+  h = handle_allocate(10, 4, MEM_LIST);
   auto *contents = static_cast<unsigned char *>(handle_lock(h, "test"));
   ASSERT_NE(contents, nullptr);
   const memrec *rec = header(contents);
@@ -59,11 +57,18 @@ TEST_F(Memory, HeaderDescribesTheBlock) {
   handle_free(h, "test");
 }
 
-TEST_F(Memory, LocksCountAndUnlockNeverGoesBelowOne) {
-  HANDLE h = handle_allocate(1, 8, MEM_GDT);
-  void *first = handle_lock(h, "test");
-  void *second = handle_lock(h, "test");
+TEST_F(Memory, LocksCountAndOnlyUnlockedBlocksMove) {
+  tvx_test_moving_blocks(TRUE);
+  HANDLE h = handle_allocate(1, 64, MEM_IMAGE);
+  auto *before = static_cast<char *>(handle_lock(h, "test"));
+  ASSERT_NE(before, nullptr);
+  std::strcpy(before, "pixels");
+  handle_unlock(h, "test");
+  auto *first = static_cast<char *>(handle_lock(h, "test"));
+  auto *second = static_cast<char *>(handle_lock(h, "test"));
   ASSERT_NE(first, nullptr);
+  EXPECT_NE(first, before) << "the last unlock moved it";
+  EXPECT_STREQ(first, "pixels");
   EXPECT_EQ(first, second) << "blocks stay put while locked";
   EXPECT_EQ(header(first)->count, 3u);
   handle_unlock(h, "test");
@@ -84,11 +89,12 @@ TEST_F(Memory, RefusedRequestsLeaveNothingBehind) {
             "requested allocation is zero: Data supplied was out of expected range. Sorry, there "
             "are no suggested causes.\n");
   err_reset_all(stack());
-  EXPECT_EQ(handle_allocate(-1, 8, MEM_IMAGE), nullptr);
-  EXPECT_EQ((*stack())->category, ERR_OUT_OF_RANGE);
-  err_reset_all(stack());
-  EXPECT_EQ(handle_allocate(65536, 65536, MEM_IMAGE), nullptr) << "too big for a block";
-  err_reset_all(stack());
+  const INT32 refused[][2] = {{-1, 8}, {65536, 65536}};  // negative, and too big for a block
+  for (const auto &r : refused) {
+    EXPECT_EQ(handle_allocate(r[0], r[1], MEM_IMAGE), nullptr) << r[0];
+    EXPECT_EQ((*stack())->category, ERR_OUT_OF_RANGE) << r[0];
+    err_reset_all(stack());
+  }
   EXPECT_EQ(total_allocated(), bytes);
 }
 
@@ -208,23 +214,6 @@ TEST_F(MemoryDeath, FreeingWhatCannotBeFreedEndsTheProcess) {
                "Require assertion failed at line 498 in file alloc");
 }
 
-TEST_F(Memory, UnlockedBlocksReallyMoveInDebugMode) {
-  tvx_test_moving_blocks(TRUE);
-  HANDLE h = handle_allocate(1, 64, MEM_IMAGE);
-  auto *before = static_cast<char *>(handle_lock(h, "test"));
-  std::strcpy(before, "pixels");
-  handle_unlock(h, "test");
-  auto *after = static_cast<char *>(handle_lock(h, "test"));
-  ASSERT_NE(after, nullptr);
-  EXPECT_NE(after, before);
-  EXPECT_STREQ(after, "pixels");
-  auto *again = static_cast<char *>(handle_lock(h, "test"));
-  EXPECT_EQ(again, after) << "a locked block stays where it is";
-  handle_unlock(h, "test");
-  handle_unlock(h, "test");
-  handle_free(h, "test");
-}
-
 TEST_F(Memory, TraceReportsEveryAllocationAndFree) {
   tvx_test_memory_trace(TRUE);
   channel(REPORT_INFO)->destination = catch_report;
@@ -249,7 +238,7 @@ TEST_F(Memory, TraceReportsEveryAllocationAndFree) {
   EXPECT_NE(caught().find("strings: freeing 60 bytes (request size 32)\n"), std::string::npos);
 }
 
-TEST_F(Memory, StringDuplicateCopiesIntoANameBlock) {
+TEST_F(Memory, StringDuplicateCopiesIntoANameBlockAndSurvivesEveryFailure) {
   char *copy = string_duplicate("camera one");
   ASSERT_NE(copy, nullptr);
   EXPECT_STREQ(copy, "camera one");
@@ -260,9 +249,8 @@ TEST_F(Memory, StringDuplicateCopiesIntoANameBlock) {
   standard_free(copy, "test");
   EXPECT_EQ(string_duplicate(nullptr), nullptr);
   EXPECT_EQ((*stack())->category, ERR_NO_DATA);
-}
+  err_reset_all(stack());
 
-TEST_F(Memory, EveryAllocationFailureInAnOperationIsSurvived) {
   // The pattern later suites use: fail the 1st, 2nd, ... allocation of an operation until it
   // needs no more, checking each time that it failed cleanly.
   for (INT32 nth = 1;; ++nth) {
