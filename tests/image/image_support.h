@@ -2,17 +2,11 @@
 // interface, and image files built byte by byte in a directory of the test's own.
 #pragma once
 
-#include <unistd.h>
-
 #include <array>
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
-#include "support/frame.h"
+#include "config/config_support.h"
 #include "tvx/image.h"
 
 namespace tvx_test {
@@ -51,30 +45,11 @@ inline void set_pixel(HANDLE image, INT32 r, INT32 c, DWORD v) {
   image_unlockraster(image, r);
 }
 
-// Fills every pixel with pattern(r, c, depth), a raster at a time.
+// Fills every pixel with pattern(r, c, depth).
 inline void fill_pattern(HANDLE image) {
   auto [w, h, d] = size_of(image);
-  for (INT32 r = 0; r < h; ++r) {
-    auto *row = static_cast<BYTE *>(image_lockraster(image, r));
-    ASSERT_NE(row, nullptr);
-    for (INT32 i = 0; i < w * bytes_per_pixel(d); ++i)
-      row[i] = static_cast<BYTE>(pattern(r, i / bytes_per_pixel(d), d) >>
-                                 (8 * (i % bytes_per_pixel(d))));
-    image_unlockraster(image, r);
-  }
-}
-
-// What a print routine writes to a stream.
-template <class Print>
-std::string printed(Print print) {
-  char *text = nullptr;
-  size_t size = 0;
-  FILE *out = open_memstream(&text, &size);
-  print(out);
-  std::fclose(out);
-  std::string s(text, size);
-  std::free(text);
-  return s;
+  for (INT32 r = 0; r < h; ++r)
+    for (INT32 c = 0; c < w; ++c) set_pixel(image, r, c, pattern(r, c, d));
 }
 
 // Byte strings of file fields in either order.
@@ -139,19 +114,12 @@ inline std::string olvane2_v4_file(INT32 w, INT32 h, INT32 depth, DWORD code, bo
   return b.data;
 }
 
-class ImageTest : public FrameTest {
+// A directory of the test's own (ConfigTest's), and images deleted after the test.
+class ImageTest : public ConfigTest {
  protected:
-  void SetUp() override {
-    FrameTest::SetUp();
-    char pattern_dir[] = "/tmp/tvx-image-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern_dir), nullptr);
-    dir_ = pattern_dir;
-  }
   void TearDown() override {
-    for (HANDLE image : made_) image_delete(image);
-    made_.clear();
-    EXPECT_EQ(std::system(("rm -rf " + dir_).c_str()), 0);
-    FrameTest::TearDown();
+    for (HANDLE image : images_) image_delete(image);
+    ConfigTest::TearDown();
   }
 
   // An image deleted after the test.
@@ -162,26 +130,11 @@ class ImageTest : public FrameTest {
   }
   // Takes an image made by the library into the test's care.
   HANDLE keep(HANDLE img) {
-    if (img != nullptr) made_.push_back(img);
+    if (img != nullptr) images_.push_back(img);
     return img;
   }
-
   std::string path(const std::string &name) const { return dir_ + "/" + name; }
-  std::string file(const std::string &name, const std::string &bytes) {
-    std::ofstream(path(name), std::ios::binary) << bytes;
-    return path(name);
-  }
-  static std::string contents(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
 
-  // The story the stack tells, brief, after which the stack is cleared.
-  std::string story() {
-    std::string text = print_all(ERR_MODE_BRIEF);
-    if ((*stack())->category != 0) err_reset_all(stack());
-    return text;
-  }
   static INT32 top_category() { return (*stack())->category; }
   // The entry of the routine that set the top error.
   static const err_trace *terminal() {
@@ -212,8 +165,7 @@ class ImageTest : public FrameTest {
     story();
   }
 
-  std::string dir_;
-  std::vector<HANDLE> made_;
+  std::vector<HANDLE> images_;
 };
 
 }  // namespace tvx_test

@@ -41,7 +41,7 @@ TEST_F(Regions, ARegionMustLieOnTheImageButMayStartOnItsFarEdge) {
                "region specification (90 40, 20 5) off source image (100 x 50)");
 }
 
-TEST_F(Regions, CuttingARegionCrossesBlockBoundariesRowByRow) {
+TEST_F(Regions, CutsCrossBlockBoundariesRowByRowAndFailedOnesLeaveNoImage) {
   // 2048-byte rasters, 31 to a block: rows 20 .. 69 span three blocks.
   for (INT32 depth : {8, 16, 24, 32}) {
     INT32 width = 2048 / bytes_per_pixel(depth);
@@ -64,9 +64,7 @@ TEST_F(Regions, CuttingARegionCrossesBlockBoundariesRowByRow) {
     region_delete(small);
     region_delete(r);
   }
-}
-
-TEST_F(Regions, FailedCutsSayWhyAndLeaveNoImageBehind) {
+  // Failed cuts say why and leave no image behind.
   HANDLE src = image(64, 64, 16);
   HANDLE off = region_new(60, 0, 5, 5, "off");
   HANDLE out = nullptr;
@@ -160,34 +158,14 @@ TEST_F(Regions, TransformsMapEveryPixelByRightAngles) {
   const INT32 w = 70, h = 1000;  // 2-byte pixels, 467 rasters a block: three blocks
   HANDLE src = image(w, h, 16);
   fill_pattern(src);
-  using From = std::pair<INT32, INT32> (*)(INT32 r, INT32 c);  // the source of result (r, c)
-  const std::pair<INT32, From> cases[] = {
-      {IMAGE_FLIP_ROWS,
-       [](INT32 r, INT32 c) {
-         return std::pair{h - 1 - r, c};
-       }},
-      {IMAGE_FLIP_COLUMNS,
-       [](INT32 r, INT32 c) {
-         return std::pair{r, w - 1 - c};
-       }},
-      {IMAGE_ROTATE_90,
-       [](INT32 r, INT32 c) {
-         return std::pair{h - 1 - c, r};
-       }},
-      {IMAGE_ROTATE_180,
-       [](INT32 r, INT32 c) {
-         return std::pair{h - 1 - r, w - 1 - c};
-       }},
-      {IMAGE_ROTATE_270,
-       [](INT32 r, INT32 c) {
-         return std::pair{c, w - 1 - r};
-       }},
-      {IMAGE_TRANSPOSE,
-       [](INT32 r, INT32 c) {
-         return std::pair{c, r};
-       }},
+  // Result pixel (r, c) comes from source row r0 + rr * r + rc * c, column c0 + cr * r + cc * c.
+  const std::array<INT32, 7> cases[] = {
+      // op, r0, rr, rc, c0, cr, cc
+      {IMAGE_FLIP_ROWS, h - 1, -1, 0, 0, 0, 1},  {IMAGE_FLIP_COLUMNS, 0, 1, 0, w - 1, 0, -1},
+      {IMAGE_ROTATE_90, h - 1, 0, -1, 0, 1, 0},  {IMAGE_ROTATE_180, h - 1, -1, 0, w - 1, 0, -1},
+      {IMAGE_ROTATE_270, 0, 0, 1, w - 1, -1, 0}, {IMAGE_TRANSPOSE, 0, 0, 1, 0, 1, 0},
   };
-  for (auto [op, from] : cases) {
+  for (const auto &[op, r0, rr, rc, c0, cr, cc] : cases) {
     HANDLE out = nullptr;
     ASSERT_TRUE(image_transform(src, &out, op)) << story();
     keep(out);
@@ -197,7 +175,8 @@ TEST_F(Regions, TransformsMapEveryPixelByRightAngles) {
     EXPECT_EQ(oh, swaps ? w : h);
     for (INT32 r = 0; r < oh; r += 13)
       for (INT32 c = 0; c < ow; c += 17)
-        ASSERT_EQ(get_pixel(out, r, c), pattern(from(r, c).first, from(r, c).second, 16)) << op;
+        ASSERT_EQ(get_pixel(out, r, c), pattern(r0 + rr * r + rc * c, c0 + cr * r + cc * c, 16))
+            << op;
   }
   // A quarter turn each way brings back every pixel.
   HANDLE turned = nullptr, back = nullptr;
