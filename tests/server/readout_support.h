@@ -17,7 +17,6 @@ namespace tvx_test {
 
 constexpr WORD kSimBase = 0x150;
 
-// A pixel of any depth up to 32 bits.
 // Every record of the stack with its qualifications, after which the stack is cleared.
 inline std::string whole_story() {
   std::string text = print_all(ERR_MODE_TRACEBACK);
@@ -25,6 +24,7 @@ inline std::string whole_story() {
   return text;
 }
 
+// A pixel of any depth up to 32 bits.
 inline uint32_t pixel_at(HANDLE image, int column, int row) {
   INT32 w = 0, h = 0, d = 0;
   image_size(image, &w, &h, &d);

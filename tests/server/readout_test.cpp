@@ -16,76 +16,60 @@ std::vector<DWORD> words_of(HANDLE sequence) {
   return words;
 }
 
+// A read-sequence word: a count above a four-bit code.
 DWORD e(DWORD value, DWORD code) {
   return value << 4 | code;
 }
 
-class Sequences : public ConfigTest {
- protected:
-  void SetUp() override {
-    ConfigTest::SetUp();
-    regions_ = list_new();
-    sequence_ = list_new();
-  }
-  void TearDown() override {
-    region_list_delete(regions_);
-    list_delete(sequence_, nullptr);
-    image_delete(map_);
-    ConfigTest::TearDown();
-  }
-  std::vector<DWORD> build(std::initializer_list<std::array<INT32, 4>> rects, INT32 w, INT32 h,
-                           INT32 bx, INT32 by, INT32 *pixels) {
+using Sequences = ConfigTest;
+
+TEST_F(Sequences, RowGroupsEncodeAsHandBuiltWords) {
+  // The words for regions of a map of w x h binned pixels, after checking the pixel count.
+  auto encoded = [&](std::initializer_list<std::array<INT32, 4>> rects, INT32 w, INT32 h, INT32 bx,
+                     INT32 by, INT32 pixels) {
+    HANDLE regions = list_new(), sequence = list_new(), map = image_new(w, h, 16);
     for (const auto &r : rects)
-      list_append_tail(regions_, region_new(r[0], r[1], r[2], r[3], nullptr));
-    map_ = image_new(w, h, 16);
-    EXPECT_TRUE(cs71_create_ccd_rdseq2(regions_, map_, bx, by, 1, sequence_, pixels)) << story();
-    return words_of(sequence_);
-  }
-  HANDLE regions_ = nullptr;
-  HANDLE sequence_ = nullptr;
-  HANDLE map_ = nullptr;
-};
-
-TEST_F(Sequences, RowsOfOneLayoutShareAGroupAndEmptyRowsAreSkipped) {
-  INT32 pixels = 0;
-  // Two regions on rows 2..4 of a 20 x 8 map, then nothing.
-  const auto words = build({{2, 2, 3, 3}, {10, 2, 4, 3}}, 20, 8, 1, 1, &pixels);
-  const std::vector<DWORD> want = {e(2, 4), e(3, 3), 6,       e(1, 0), e(2, 1),
-                                   e(3, 2), e(5, 1), e(4, 2), e(6, 1), e(3, 4)};
-  EXPECT_EQ(words, want);
-  EXPECT_EQ(pixels, 3 * 7);
-}
-
-TEST_F(Sequences, AOneRowGroupHasNoRepeatAndBinningShiftsItsLines) {
-  INT32 pixels = 0;
-  // Binned 2 x 3 in a map of 10 x 4 binned pixels: one binned row at binned (1, 1), 2 wide.
-  const auto words = build({{2, 3, 4, 3}}, 10, 4, 2, 3, &pixels);
-  const std::vector<DWORD> want = {e(1, 4), e(3, 0), e(1, 1), e(2, 2), e(7, 1), e(2, 4)};
-  EXPECT_EQ(words, want);
-  EXPECT_EQ(pixels, 2);
+      list_append_tail(regions, region_new(r[0], r[1], r[2], r[3], nullptr));
+    INT32 counted = 0;
+    EXPECT_TRUE(cs71_create_ccd_rdseq2(regions, map, bx, by, 1, sequence, &counted)) << story();
+    EXPECT_EQ(counted, pixels);
+    const std::vector<DWORD> words = words_of(sequence);
+    region_list_delete(regions);
+    list_delete(sequence, nullptr);
+    image_delete(map);
+    return words;
+  };
+  // Two regions on rows 2..4 of a 20 x 8 map: rows of one layout share a group, and the empty
+  // rows after them are skipped.
+  EXPECT_EQ(encoded({{2, 2, 3, 3}, {10, 2, 4, 3}}, 20, 8, 1, 1, 3 * 7),
+            (std::vector<DWORD>{e(2, 4), e(3, 3), 6, e(1, 0), e(2, 1), e(3, 2), e(5, 1), e(4, 2),
+                                e(6, 1), e(3, 4)}));
+  // Binned 2 x 3, one binned row at binned (1, 1), 2 wide: a one-row group has no repeat, and
+  // binning shifts its lines.
+  EXPECT_EQ(encoded({{2, 3, 4, 3}}, 10, 4, 2, 3, 2),
+            (std::vector<DWORD>{e(1, 4), e(3, 0), e(1, 1), e(2, 2), e(7, 1), e(2, 4)}));
 }
 
 TEST_F(Sequences, TheReplayPutsEveryPixelBackAndRefusesUnknownCodes) {
-  HANDLE server = server_allocate();
-  HANDLE shadow = image_new(6, 4, 16);
-  HANDLE scramble = image_new(1, 15, 16);
+  HANDLE server = server_allocate(), sequence = list_new();
+  HANDLE shadow = image_new(6, 4, 16), scramble = image_new(1, 15, 16);
   for (INT32 k = 0; k < 15; ++k) {
-    auto *p = static_cast<WORD *>(image_lockraster(scramble, k));
-    *p = static_cast<WORD>(100 + k);
+    *static_cast<WORD *>(image_lockraster(scramble, k)) = static_cast<WORD>(100 + k);
     image_unlockraster(scramble, k);
   }
   // Skip one row, then three rows of: shift, read 5.
   for (DWORD w : {e(1, 4), e(3, 3), DWORD{2}, e(1, 0), e(5, 2)})
-    list_append_tail(sequence_, reinterpret_cast<HANDLE>(uintptr_t{w}));
-  ASSERT_TRUE(server_scramble_to_shadow(server, scramble, sequence_, shadow)) << story();
+    list_append_tail(sequence, reinterpret_cast<HANDLE>(uintptr_t{w}));
+  ASSERT_TRUE(server_scramble_to_shadow(server, scramble, sequence, shadow)) << story();
   for (int r = 1; r <= 3; ++r)
     for (int c = 0; c < 5; ++c) EXPECT_EQ(pixel_at(shadow, c, r), uint32_t(100 + (r - 1) * 5 + c));
   EXPECT_EQ(pixel_at(shadow, 0, 0), 0u) << "the skipped row";
-  list_append_tail(sequence_, reinterpret_cast<HANDLE>(uintptr_t{e(1, 5)}));
-  EXPECT_FALSE(server_scramble_to_shadow(server, scramble, sequence_, shadow));
+  list_append_tail(sequence, reinterpret_cast<HANDLE>(uintptr_t{e(1, 5)}));
+  EXPECT_FALSE(server_scramble_to_shadow(server, scramble, sequence, shadow));
   EXPECT_NE(whole_story().find("ccd read sequence invalid"), std::string::npos);
   image_delete(scramble);
   image_delete(shadow);
+  list_delete(sequence, nullptr);
   server_delete(server);
 }
 
@@ -94,22 +78,19 @@ class Acquisition : public ReadoutTest {};
 TEST_F(Acquisition, RegionsAreFittedToTheBinningGrid) {
   bring_up();
   HANDLE out = region_new(0, 0, 0, 0, nullptr);
-  INT32 x, y, w, h;
-  ASSERT_TRUE(server_set_readout_region(server_, params(80, 64, 3, 3, nullptr, nullptr),
-                                        list_get_nth_object(regions({{10, 0, 10, 9}}), 1), out))
-      << story();
-  region_get(out, &x, &y, &w, &h);
-  EXPECT_EQ(x, 12);
-  EXPECT_EQ(w, 3);
+  // The fitted region's x and width.
+  auto fitted = [&](INT32 columns, INT32 bx, INT32 by, HANDLE region) {
+    INT32 x = -1, y, w = -1, h;
+    EXPECT_TRUE(server_set_readout_region(server_, params(columns, 64, bx, by, nullptr, nullptr),
+                                          region, out))
+        << story();
+    region_get(out, &x, &y, &w, &h);
+    return std::pair{x, w};
+  };
+  EXPECT_EQ(fitted(80, 3, 3, list_get_nth_object(regions({{10, 0, 10, 9}}), 1)), std::pair(12, 3));
   ASSERT_TRUE(server_set_adc_mode(server_, 53)) << story();
-  ASSERT_TRUE(
-      server_set_readout_region(server_, params(1030, 64, 2, 1, nullptr, nullptr), nullptr, out));
-  region_get(out, &x, &y, &w, &h);
-  EXPECT_EQ(w, 516) << "rounded up to even for the pair-clocking converter";
-  ASSERT_TRUE(
-      server_set_readout_region(server_, params(1030, 64, 1, 1, nullptr, nullptr), nullptr, out));
-  region_get(out, &x, &y, &w, &h);
-  EXPECT_EQ(w, 1030) << "no evenness without binning";
+  EXPECT_EQ(fitted(1030, 2, 1, nullptr).second, 516) << "even for the pair-clocking converter";
+  EXPECT_EQ(fitted(1030, 1, 1, nullptr).second, 1030) << "no evenness without binning";
   EXPECT_FALSE(
       server_checked_readout_region(server_, regions({{0, 0, 4, 4}, {8, 8, 4, 4}}), params_, out));
   EXPECT_NE(whole_story().find("only one readout region supported."), std::string::npos);
@@ -119,8 +100,6 @@ TEST_F(Acquisition, RegionsAreFittedToTheBinningGrid) {
 }
 
 TEST_F(Acquisition, StreamFaultsSayWhatWentWrongAndLeakNothing) {
-  bring_up();
-  set_mode(1, 0.5);  // pairs: data mode 5
   struct Fault {
     INT32 kind, value;
     const char *found;
@@ -134,7 +113,8 @@ TEST_F(Acquisition, StreamFaultsSayWhatWentWrongAndLeakNothing) {
   };
   for (const Fault &f : faults) {
     SCOPED_TRACE(f.found);
-    // Each fault on a fresh controller: a broken stream leaves the link out of step.
+    // Each fault on a fresh controller, reading pairs (data mode 5): a broken stream leaves the
+    // link out of step.
     server_delete(server_);
     server_ = nullptr;
     tvx_test_simulator_reset();
@@ -201,17 +181,9 @@ TEST_F(Acquisition, FrameSeriesFlushExposeAndKeepTheirPeriod) {
   list_delete(lists, nullptr);
 }
 
-}  // namespace
-
-namespace {
-
-using namespace tvx_test;
-
-struct Grabs {
-  int left;
-};
-BYTE another(void *argument) {
-  return --static_cast<Grabs *>(argument)->left > 0 ? 1 : 0;
+// Asks for another grab while grabs are left.
+BYTE another(void *left) {
+  return --*static_cast<int *>(left) > 0 ? 1 : 0;
 }
 
 TEST_F(Acquisition, ShuffleModeGrabsUntilTheUserEndsIt) {
@@ -220,11 +192,11 @@ TEST_F(Acquisition, ShuffleModeGrabsUntilTheUserEndsIt) {
   HANDLE list = images();
   list_append_tail(list, image_new(1, 1, 16));
   HANDLE image = list_get_nth_object(list, 1);
-  Grabs grabs{3};
+  int grabs = 3;
   ASSERT_TRUE(server_shuffle_mode(server_, list_get_nth_object(regions({{4, 4, 16, 8}}), 1), image,
                                   100, 1, 1, another, &grabs))
       << whole_story();
-  EXPECT_EQ(grabs.left, 0);
+  EXPECT_EQ(grabs, 0);
   EXPECT_NE(caught().find("User function ended grab loop at 2 loops"), std::string::npos);
   std::string where;
   EXPECT_EQ(mismatches(image, 4, 4, 1, 1, &where), 0) << where;

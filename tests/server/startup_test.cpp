@@ -2,44 +2,15 @@
 // initialised for the small chip, and every way start-up can fail leaving nothing behind.
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <fstream>
-
-#include "config/config_support.h"
-#include "link/link_support.h"
-#include "sim/camera_server.h"
+#include "server/readout_support.h"
 #include "sim/slot.h"
-#include "tvx/server.h"
 
 namespace {
 
 using namespace tvx_test;
 
-constexpr WORD kBase = 0x150;
-
-class Startup : public ConfigTest {
+class Startup : public ReadoutTest {
  protected:
-  void SetUp() override {
-    ConfigTest::SetUp();
-    tvx_test_ports_floating(TRUE);
-    tvx_test_simulator_reset();
-    tvx_test_clock_virtual(1000);
-    channel(REPORT_INFO)->destination = catch_report;
-  }
-  void TearDown() override {
-    server_delete(server_);
-    volts_dtor(&volts_);
-    ccd_dtor(&chip_);
-    tvx_test_simulator_reset();
-    ConfigTest::TearDown();
-  }
-
-  // The shipped hardware and chip files as the camera reads them.
-  void read_chip() {
-    HANDLE c = parse_shipped("sim_small.def");
-    ASSERT_TRUE(volts_extract(&volts_, c) && ccd_extract(&chip_, c)) << story();
-  }
-
   // The shipped files copied to the test's directory, with `spoil` damaged half way through and
   // the simulated camera told to show `fault`.
   std::string copy(const std::string &spoil, const std::string &fault = "none") {
@@ -55,8 +26,6 @@ class Startup : public ConfigTest {
     }
     return dir_ + "/" + sub + "/camera.def";
   }
-
-  tvx::sim::CameraServer &controller() { return *tvx::sim::camera_server_at(kBase); }
   // Control codes the controller took since `from`, leaving out the probes (control 1) that
   // precede the commands.
   std::vector<int> controls_since(size_t from) {
@@ -66,22 +35,20 @@ class Startup : public ConfigTest {
       if (all[i] != 1) taken.push_back(all[i]);
     return taken;
   }
-
-  HANDLE server_ = nullptr;
-  volts volts_{};
-  ccd chip_{};
+  // The server started as a camera starts it, on the shipped files.
+  HANDLE boot() { return server_ = server_new(shipped("sim_small.def").c_str()); }
 };
 
 TEST_F(Startup, BootsInstallsAndInitialisesTheSimulatedCamera) {
-  server_ = server_new(shipped("sim_small.def").c_str());
-  ASSERT_NE(server_, nullptr) << story();
-  EXPECT_EQ(tvx::sim::card_at(kBase)->distant().speed(), 20) << "the controller's end";
-  EXPECT_EQ(tvx::sim::speed_of(tvx::sim::card_at(kBase)->control()), 20) << "the card's end";
+  ASSERT_NE(boot(), nullptr) << story();
+  EXPECT_EQ(tvx::sim::card_at(kSimBase)->distant().speed(), 20) << "the controller's end";
+  EXPECT_EQ(tvx::sim::speed_of(tvx::sim::card_at(kSimBase)->control()), 20) << "the card's end";
   EXPECT_EQ(controller().installed(), (std::vector<std::string>{"procinit", "camera"}));
   for (const char *label : {"Booting", "Install", "Linkspeed", "Hardware responding..."})
     EXPECT_NE(caught().find(label), std::string::npos) << label;
 
-  read_chip();
+  HANDLE c = parse_shipped("sim_small.def");
+  ASSERT_TRUE(volts_extract(&volts_, c) && ccd_extract(&chip_, c)) << story();
   EXPECT_FALSE(server_hwinit(server_, &volts_, nullptr));
   EXPECT_NE(story().find("no ccd description given"), std::string::npos);
   const size_t before = controller().controls().size();
@@ -109,8 +76,7 @@ TEST_F(Startup, BootsInstallsAndInitialisesTheSimulatedCamera) {
 }
 
 TEST_F(Startup, VoltagesFollowTheirAccessAndTemperaturesReadInCelsius) {
-  server_ = server_new(shipped("sim_small.def").c_str());
-  ASSERT_NE(server_, nullptr) << story();
+  ASSERT_NE(boot(), nullptr) << story();
   voltage_request set[] = {{0, 27.5, 0}, {32, 100.0, 0}, {17, 1.0, 0}};
   const size_t before = controller().controls().size();
   ASSERT_TRUE(server_set_voltages(server_, set, 3)) << story();
@@ -134,8 +100,7 @@ TEST_F(Startup, VoltagesFollowTheirAccessAndTemperaturesReadInCelsius) {
 }
 
 TEST_F(Startup, TheTemperatureWaitWatchesTheCoolerSettle) {
-  server_ = server_new(shipped("sim_small.def").c_str());
-  ASSERT_NE(server_, nullptr) << story();
+  ASSERT_NE(boot(), nullptr) << story();
   ASSERT_TRUE(server_set_ccd_temp(server_, -100.0));
   const DWORD start = time_centiseconds();
   ASSERT_TRUE(server_wait_ccd_temperature(server_)) << story();
@@ -188,8 +153,7 @@ TEST_F(Startup, EachStepThatFailsLeavesNothingBehind) {
 }
 
 TEST_F(Startup, ProgramsAreLoadedUnderStableIdsAndRunByName) {
-  server_ = server_new(shipped("sim_small.def").c_str());
-  ASSERT_NE(server_, nullptr) << story();
+  ASSERT_NE(boot(), nullptr) << story();
   ASSERT_TRUE(server_load(server_, "flush", "flush.cpg")) << story();
   ASSERT_TRUE(server_load(server_, "flush", "flush.cpg")) << story();
   EXPECT_EQ(camprog_make_id("flush"), camprog_make_id("flush"));
