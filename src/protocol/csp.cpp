@@ -201,7 +201,8 @@ BOOL csp_copy_BYTE_params(HANDLE packets, const BYTE *bytes, INT16 count, INT16 
   if (offset < 0 || count < 0 || offset + count >= kByteCopyEnd + 1)
     return fail(ERR_PROGRAMMER, 0, kOp, {}, "copy (%d,%d) extends past csp params end (%ld)",
                 int{offset}, int{count}, long{kByteCopyEnd});
-  std::memcpy(reinterpret_cast<BYTE *>(params(*rec)) + offset, bytes, size_t(count));
+  // An empty copy may come with no source at all.
+  if (count > 0) std::memcpy(reinterpret_cast<BYTE *>(params(*rec)) + offset, bytes, size_t(count));
   return TRUE;
 }
 
@@ -212,7 +213,7 @@ BOOL csp_copy_INT16_params(HANDLE packets, const INT16 *words, INT16 count, INT1
   if (offset < 0 || count < 0 || count + offset >= CSP_MAX_PARAMS + 1)
     return fail(ERR_PROGRAMMER, 0, kOp, {}, "copy (%d,%d) extends past csp params end (%d)",
                 int{count}, int{offset}, CSP_MAX_PARAMS);
-  std::memcpy(params(*rec) + offset, words, size_t(count) * sizeof(INT16));
+  if (count > 0) std::memcpy(params(*rec) + offset, words, size_t(count) * sizeof(INT16));
   return TRUE;
 }
 
@@ -230,7 +231,7 @@ BOOL csp_copy_params_to_INT16s(HANDLE packets, INT16 *words, INT16 count) {
   if (count < 0 || count >= CSP_MAX_PARAMS + 1)
     return fail(ERR_PROGRAMMER, 0, kOp, {}, "copy (%d) extends past csp params end (%d)",
                 int{count}, CSP_MAX_PARAMS);
-  std::memcpy(words, params(*rec), size_t(count) * sizeof(INT16));
+  if (count > 0) std::memcpy(words, params(*rec), size_t(count) * sizeof(INT16));
   return TRUE;
 }
 

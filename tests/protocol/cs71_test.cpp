@@ -49,7 +49,7 @@ class Commands : public WireTest {
 
 // Gains and time constants go as codes, volts in hundredths and times in tenths (truncated), the
 // region in argument order, the shuffle's duration low word first, pulse widths in their low 16
-// bits, and both parallel timing tables one after the other.
+// bits, and both parallel timing tables one after the other (an empty pair as no parameters).
 TEST_F(Commands, ArgumentsAreMappedToTheControllersWords) {
   static const INT32 widths[4] = {1, 2, 65536 + 3, 40000};
   static const INT16 timing_a[2] = {1, 2}, timing_b[2] = {3, 4};
@@ -68,6 +68,8 @@ TEST_F(Commands, ArgumentsAreMappedToTheControllersWords) {
        [](HANDLE c) { return cs71_shutter_pulse_widths(c, widths); }},
       {packet(47, {1, 2, 3, 4}),
        [](HANDLE c) { return cs71_set_parallel_timing(c, timing_a, timing_b, 2); }},
+      // An empty table may come without arrays; nothing is copied from them.
+      {packet(47, {}), [](HANDLE c) { return cs71_set_parallel_timing(c, nullptr, nullptr, 0); }},
   };
   for (const auto &c : cases) EXPECT_EQ(sent_by(c.second), join({probe(), c.first}));
   // One more probe before a read is set up.
