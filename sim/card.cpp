@@ -179,7 +179,7 @@ void Card::step() {
   if (local_ == Local::relay && (control_ & bits::kFifoReset) != 0) relay();
 }
 
-void Card::reconfigure() {
+void Card::reconfigure(const Settings &before) {
   const Settings &now = settings();
   if (powered_ && now.power_off) {
     powered_ = false;
@@ -188,7 +188,7 @@ void Card::reconfigure() {
     powered_ = true;
     distant_ = Distant(now.controller_speed);
   }
-  distant_.set_speed(now.controller_speed);
+  if (now.controller_speed != before.controller_speed) distant_.set_speed(now.controller_speed);
   crossed_ = 0;
 }
 

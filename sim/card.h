@@ -19,6 +19,7 @@
 #include <cstdint>
 
 #include "sim/distant.h"
+#include "sim/settings.h"
 #include "tvx/types.h"
 
 namespace tvx::sim {
@@ -91,8 +92,10 @@ class Card {
   // Items that have crossed the link, both ways, since the count last started.
   long crossed() const { return crossed_; }
 
-  // A change of settings: speed of the controller's end, a new count for dropped words, power.
-  void reconfigure();
+  // A change of settings from `before`: a new count for dropped words, power, and the speed of
+  // the controller's end when that setting is what changed (the live link keeps the speed the
+  // controller was switched to otherwise).
+  void reconfigure(const Settings &before);
 
  private:
   WORD status();

@@ -60,8 +60,9 @@ const Settings &settings() {
 }
 
 void configure(const Settings &next) {
+  const Settings before = current;
   current = next;
-  for (auto &[base, slot] : slots()) slot.card->reconfigure();
+  for (auto &[base, slot] : slots()) slot.card->reconfigure(before);
 }
 
 void reset_all() {

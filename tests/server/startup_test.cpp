@@ -43,6 +43,10 @@ TEST_F(Startup, BootsInstallsAndInitialisesTheSimulatedCamera) {
   ASSERT_NE(boot(), nullptr) << story();
   EXPECT_EQ(tvx::sim::card_at(kSimBase)->distant().speed(), 20) << "the controller's end";
   EXPECT_EQ(tvx::sim::speed_of(tvx::sim::card_at(kSimBase)->control()), 20) << "the card's end";
+  // Another setting changed on the running camera leaves its link at that speed: the commands
+  // below still go through.
+  ASSERT_TRUE(tvx_test_simulator_set(TVX_SIM_DROP_AFTER, 0));
+  EXPECT_EQ(tvx::sim::card_at(kSimBase)->distant().speed(), 20);
   EXPECT_EQ(controller().installed(), (std::vector<std::string>{"procinit", "camera"}));
   for (const char *label : {"Booting", "Install", "Linkspeed", "Hardware responding..."})
     EXPECT_NE(caught().find(label), std::string::npos) << label;
