@@ -22,11 +22,12 @@ const char *yes_no(BYTE flag) {
   return flag ? "TRUE" : "FALSE";
 }
 
-// The CCD reader names the row it gave up on, then adds its own name as well.
-bool ccd_unable(const char *routine, const char *identifier) {
+// The CCD reader names the last identifier of its table, whichever row it gave up on, then adds
+// its own name as well.
+bool ccd_unable(const char *routine) {
   if (!tvx::error_pending())
-    tvx::fail(ERR_NO_DATA, 0, routine, {}, "unable to extract '%s' from section '%s'.", identifier,
-              "CCD");
+    tvx::fail(ERR_NO_DATA, 0, routine, {}, "unable to extract '%s' from section '%s'.",
+              "parallel_transfers", "CCD");
   return tvx::qualify(routine);
 }
 
@@ -188,13 +189,13 @@ BOOL ccd_extract(ccd *record, HANDLE config) {
   BOOL last = FALSE;
   for (INT32 i = 0; i < static_cast<INT32>(std::size(rows)); ++i)
     last = config_extract_section(config, "CCD", i + 1, 2, rows[i].letter, rows[i].destination);
-  if (!last) return ccd_unable(kOp, "parallel_transfers");
+  if (!last) return ccd_unable(kOp);
   char **owned[] = {&record->type, &record->mode, &record->serial_no, &record->product_reference};
   for (int i = 0; i < 4; ++i)
     if (!own(owned[i], texts[i], kOp)) return false;
   INT32 *area = record->active_area;
   if (!config_extract_section(config, "CCD", 17, 2, "iiii", &area[0], &area[1], &area[2], &area[3]))
-    return ccd_unable(kOp, "active_area");
+    return ccd_unable(kOp);
   // The parallel timing is as long as the file makes it, up to its capacity; it never fails.
   record->ptiming_count = 0;
   for (INT32 pair = 0; pair < CCD_MAX_TIMING; ++pair) {

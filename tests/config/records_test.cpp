@@ -158,11 +158,19 @@ TEST_F(Records, AdcAndCcdReadersForgiveWhatOnlyTheirLastRowDecides) {
   EXPECT_EQ(record.ptiming2[2], 6);
   ccd_dtor(&record);
 
-  c = broken("active_area = 0, 0, 64, 64", "active_area = 0, 0, 64");
-  EXPECT_FALSE(ccd_extract(&record, c));
-  EXPECT_EQ(print_last(ERR_MODE_PATH), "ccd_extract-> \nccd_extract\n");
-  EXPECT_NE(story().find("unable to extract 'active_area' from section 'CCD'"), std::string::npos);
-  ccd_dtor(&record);
+  // Whichever row cannot be read, the reader names the last identifier of its table.
+  const std::pair<const char *, const char *> rows[] = {
+      {"active_area = 0, 0, 64, 64", "active_area = 0, 0, 64"},
+      {"    parallel_transfers = 64\n", ""}};
+  for (const auto &[from, to] : rows) {
+    c = broken(from, to);
+    EXPECT_FALSE(ccd_extract(&record, c)) << from;
+    EXPECT_EQ(print_last(ERR_MODE_PATH), "ccd_extract-> \nccd_extract\n");
+    EXPECT_NE(story().find("unable to extract 'parallel_transfers' from section 'CCD'"),
+              std::string::npos)
+        << from;
+    ccd_dtor(&record);
+  }
 }
 
 TEST_F(Records, SimulatorSectionNamesTheFaultTheSimulatedCameraShows) {
