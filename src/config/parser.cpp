@@ -114,6 +114,9 @@ bool Parser::parse() {
       case cfg::kError:
         return tvx::qualify("config_parse", "error in config file");
       default:
+        // The rest of a DEFINE line whose words met a tokenizing error: that error tells the
+        // story, and a record of its own here would only hide it.
+        if (carried_error_) return false;
         return tvx::fail(ERR_NO_DATA, 0, "config_parse", {},
                          "unexpected '%.*s' outside a section at line %ld",
                          static_cast<int>(token.length), text_ + token.offset, token.line);

@@ -83,15 +83,16 @@ TEST_F(Parser, SyntaxErrorsCarryTheirLine) {
     EXPECT_EQ(story(), b.story) << b.text;
   }
 
-  // A tokenizing error inside DEFINE lets the parse go on, but not succeed; a later fault stands
-  // on a record of its own above the first.
+  // A tokenizing error inside DEFINE lets the parse go on, but not succeed; what is left of the
+  // line ends it without a record of its own, so the tokenizer's error stays on top.
   EXPECT_EQ(parse("DEFINE 12ab\nDEFINE \"CCD\" Horizontal Only xsize, \"1 4\", ir\n"), nullptr);
   EXPECT_EQ(print_last(ERR_MODE_PATH), "define-> \ntokenize\n");
   story();
-  EXPECT_EQ(parse("DEFINE 12ab\n,\n"), nullptr);
-  EXPECT_EQ(print_all(ERR_MODE_PATH),
-            "config_parse\n...occurred during error...\ndefine-> \ntokenize\n");
-  story();
+  for (const char *text : {"DEFINE \"CCD\" Horiz@ntal Only\n", "DEFINE 12ab\n,\n"}) {
+    EXPECT_EQ(parse(text), nullptr);
+    EXPECT_EQ(print_all(ERR_MODE_PATH), "define-> \ntokenize\n") << text;
+    story();
+  }
 }
 
 TEST_F(Parser, FilesThatCannotBeReadNameTheFileAndItsCauses) {
