@@ -48,8 +48,12 @@ void free_pixels(image_rec &rec, const char *routine) {
   rec.block_cnt = 0;
 }
 
-// Checks a requested size before anything is freed, so that a refused size loses nothing.
-bool size_acceptable(INT32 width, INT32 height, INT32 depth, const char *routine) {
+// The largest picture the controller can send: 4224 x 32000 pixels of two channels. No image
+// may be larger, so that a damaged file header cannot make the library take gigabytes.
+constexpr long long kLargestImage = 4224LL * 32000 * 4;
+
+// Sizes no image can have, refused before anything is freed: the image keeps its pixels.
+bool size_valid(INT32 width, INT32 height, INT32 depth, const char *routine) {
   if (width == 0 || height == 0)
     return fail(ERR_NO_DATA, 0, routine, {kCauseNullSize}, "null image size (%ld x %ld) specified.",
                 long{width}, long{height});
@@ -59,10 +63,16 @@ bool size_acceptable(INT32 width, INT32 height, INT32 depth, const char *routine
   if (depth < 1 || depth > 32)
     return fail(ERR_OUT_OF_RANGE, 0, routine, {kCauseNullSize},
                 "image depth (%ld bits) not in range 1 - 32.", long{depth});
-  if (static_cast<long long>(pixel_size_of(depth)) * width > IMAGE_BLOCK_BYTES)
-    return fail(ERR_OUT_OF_RANGE, 0, routine, {kCauseTooLarge},
-                "requested image size (%ld x %ld) too large.", long{width}, long{height});
   return true;
+}
+
+// Sizes the pixel blocks cannot hold: a raster longer than a block, or more than the largest
+// picture. Found only once the old pixels are gone, like any allocation that fails.
+bool size_fits(INT32 width, INT32 height, INT32 depth, const char *routine) {
+  const long long raster = static_cast<long long>(pixel_size_of(depth)) * width;
+  if (raster <= IMAGE_BLOCK_BYTES && raster * height <= kLargestImage) return true;
+  return fail(ERR_OUT_OF_RANGE, 0, routine, {kCauseTooLarge},
+              "requested image size (%ld x %ld) too large.", long{width}, long{height});
 }
 
 bool allocate_blocks(image_rec &rec, const char *routine) {
@@ -256,8 +266,9 @@ BOOL image_allocatepixels(HANDLE image, INT32 width, INT32 height, INT32 depth) 
   static const char *const kOp = "image_allocatepixels";
   Locked<image_rec> img(image, kOp);
   if (!img) return qualify(kOp);
-  if (!size_acceptable(width, height, depth, kOp)) return false;
+  if (!size_valid(width, height, depth, kOp)) return false;
   free_pixels(*img, kOp);
+  if (!size_fits(width, height, depth, kOp)) return false;
 
   INT32 raster_size = pixel_size_of(depth) * width;
   INT32 rasters_per_block = IMAGE_BLOCK_BYTES / raster_size;

@@ -64,6 +64,8 @@ TEST_F(Blocks, SizesThatCannotBeImagesAreRefusedAndLoseNothing) {
       {10, 0, 16, ERR_NO_DATA, 0x1070, "null image size (10 x 0) specified."},
       {65465, 1, 8, ERR_OUT_OF_RANGE, 0x1071, "requested image size (65465 x 1) too large."},
       {32733, 1, 16, ERR_OUT_OF_RANGE, 0x1071, "requested image size (32733 x 1) too large."},
+      // Larger than the largest picture the controller can send (4224 x 32000, two channels).
+      {4224, 32001, 32, ERR_OUT_OF_RANGE, 0x1071, "requested image size (4224 x 32001) too large."},
       {10, 10, 0, ERR_OUT_OF_RANGE, 0x1070, "image depth (0 bits) not in range 1 - 32."},
       {10, 10, 33, ERR_OUT_OF_RANGE, 0x1070, "image depth (33 bits) not in range 1 - 32."},
       {-5, 10, 8, ERR_OUT_OF_RANGE, 0x1070, "negative image size (-5 x 10) specified."},
@@ -74,7 +76,8 @@ TEST_F(Blocks, SizesThatCannotBeImagesAreRefusedAndLoseNothing) {
     EXPECT_NE(print_last(ERR_MODE_TRACEBACK).find("unable to allocate image"), std::string::npos);
     expect_error(r.category, "image_allocatepixels", r.text);
   }
-  // A refused resize keeps the pixels the image had, and so does a matching size.
+  // A size no image can have keeps the pixels the image had, and so does a matching size; a
+  // size too large for the blocks is an allocation that fails, and leaves the image without.
   HANDLE img = image(20, 20, 16);
   fill_pattern(img);
   EXPECT_FALSE(image_allocatepixels(img, 20, 20, 0));
@@ -82,6 +85,10 @@ TEST_F(Blocks, SizesThatCannotBeImagesAreRefusedAndLoseNothing) {
   EXPECT_EQ(get_pixel(img, 19, 19), pattern(19, 19, 16));
   EXPECT_TRUE(image_check_size(img, 20, 20, 16));
   EXPECT_EQ(get_pixel(img, 5, 7), pattern(5, 7, 16)) << "a matching size keeps the pixels";
+  EXPECT_FALSE(image_allocatepixels(img, 65465, 1, 8));
+  story();
+  EXPECT_EQ(image_lockraster(img, 0), nullptr);
+  expect_text("image has no pixels.");
 }
 
 TEST_F(Blocks, EveryFailedAllocationIsReportedAndFreesWhatItTook) {
