@@ -57,6 +57,7 @@ constexpr int16_t kOwnAddress = 1;
 constexpr int kLongestPacket = 200;
 constexpr size_t kPlaybackChunk = 197;
 constexpr int16_t kDone = 100, kCharacter = 101, kStage = 102;
+constexpr int32_t kRepeatEvery = 50;  // centiseconds between the reports of a stuck operation
 
 // The controller's side of the command set: how many parameters each control code carries,
 // how many its completion carries (-1: none is sent), whether it needs the camera program, and
@@ -197,7 +198,24 @@ void CameraServer::progress(const Packet &request, int stages, bool may_stall) {
     if (may_stall && stage == 9 && fault_hits(TVX_CTL_STALL_AT_STAGE_9, request.control)) return;
     send(request, kCharacter, {'*'}, false);
   }
+  if (fault_hits(TVX_CTL_ENDLESS_PROGRESS, request.control)) {
+    stuck_ = Stuck{true, request, static_cast<int16_t>(stages), time_centiseconds()};
+    return;
+  }
   send(request, kDone, {});
+}
+
+// A stuck operation says again where it is, every so often, until its fault is cleared.
+void CameraServer::repeat_stage() {
+  if (!stuck_.on) return;
+  if (!fault_hits(TVX_CTL_ENDLESS_PROGRESS, stuck_.request.control)) {
+    stuck_.on = false;
+    return;
+  }
+  const DWORD now = time_centiseconds();
+  if (static_cast<int32_t>(now - stuck_.last) < kRepeatEvery) return;
+  stuck_.last = now;
+  send(stuck_.request, kStage, {stuck_.stage}, false);
 }
 
 bool CameraServer::next_output(WORD &item) {
@@ -205,6 +223,7 @@ bool CameraServer::next_output(WORD &item) {
     out_.swap(held_);
     ready_at_ = 0;
   }
+  if (out_.empty()) repeat_stage();
   if (out_.empty()) return stream_next(item);
   item = out_.front();
   out_.pop_front();
@@ -549,7 +568,7 @@ extern "C" {
 
 BOOL tvx_test_controller_fault(INT32 kind, INT32 control) {
   static const char *const kOp = "tvx_test_controller_fault";
-  if (kind < TVX_CTL_FAULT_NONE || kind > TVX_CTL_BAD_STATE_VECTOR)
+  if (kind < TVX_CTL_FAULT_NONE || kind > TVX_CTL_ENDLESS_PROGRESS)
     return tvx::fail(ERR_OUT_OF_RANGE, 0, kOp, {0x1040}, "unknown controller fault %ld.",
                      long{kind});
   if (control < 0 || control > 255)

@@ -88,6 +88,7 @@ class CameraServer : public ControllerProgram {
   void send(const Packet &request, int16_t control, const std::vector<int16_t> &params,
             bool final_reply = true);
   void progress(const Packet &request, int stages, bool may_stall);
+  void repeat_stage();
   // Drives one DAC channel to a level in hundredths of a volt.
   void drive(size_t channel, int16_t hundredths);
   // What the controller's converter reads on a channel, in hundredths.
@@ -136,6 +137,14 @@ class CameraServer : public ControllerProgram {
   std::vector<uint8_t> image_;
   bool camera_ready_ = false;
   bool dead_ = false;  // an installed program was corrupt: the server answers nothing more
+
+  // A long operation that never completes, and when it last reported its stage.
+  struct Stuck {
+    bool on = false;
+    Packet request{};
+    int16_t stage = 0;
+    DWORD last = 0;
+  } stuck_;
 
   std::deque<WORD> out_;   // bytes ready for the link
   std::deque<WORD> held_;  // a reply held back until `ready_at`

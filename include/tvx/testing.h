@@ -67,7 +67,9 @@ enum {
   TVX_CTL_WRONG_DESTINATION = 3, /* the completion is addressed to 7 */
   TVX_CTL_WRONG_COUNT = 4,       /* the completion carries one parameter too many */
   TVX_CTL_STALL_AT_STAGE_9 = 5,  /* hardware initialisation reports stage 9 and stops */
-  TVX_CTL_BAD_STATE_VECTOR = 6   /* droop and offset failed, no shutter hold data */
+  TVX_CTL_BAD_STATE_VECTOR = 6,  /* droop and offset failed, no shutter hold data */
+  TVX_CTL_ENDLESS_PROGRESS = 7   /* a long operation reports its last stage again every half
+                                    second and never completes */
 };
 /* Fails for an unknown fault or a control code outside 0 .. 255. */
 TVX_API BOOL tvx_test_controller_fault(INT32 fault, INT32 control);

@@ -8,7 +8,9 @@
 #include <cstring>
 
 #include "foundation/fail.h"
+#include "foundation/locked.h"
 #include "protocol/protocol.h"
+#include "tvx/atlink.h"
 #include "tvx/csp.h"
 #include "tvx/error.h"
 #include "tvx/report.h"
@@ -61,6 +63,18 @@ class PrefixedReport {
   report *info_ = nullptr;
   const char *saved_ = nullptr;
 };
+
+// The longest time-out an adapter takes, in centiseconds.
+constexpr DWORD kLongestStage = 6499;
+
+// How long one stage of a long operation may last: as long as the adapter waits for a reply, when
+// the packets go over the AT-Link; the longest time-out an adapter can have otherwise.
+DWORD stage_limit(HANDLE packets) {
+  Locked<csp> p(packets, "stage_limit");
+  if (!p || p->read_size != atlink_read_INT16) return kLongestStage;
+  Locked<atlink> link(p->link, "stage_limit");
+  return link ? static_cast<DWORD>(link->io_timeout) : kLongestStage;
+}
 
 }  // namespace
 
@@ -197,15 +211,22 @@ BOOL cs71_wait_while_active(HANDLE controller, const char *prefix, INT16 progres
   Target t(controller, kOp);
   if (!t) return qualify(kOp);
   PrefixedReport info(prefix);
+  // A controller that reports progress and never finishes is stuck: each stage may last as long
+  // as the adapter waits for a reply.
+  const DWORD limit = stage_limit(t.packets);
   int stage = 0;
+  DWORD stage_began = time_centiseconds();
+  // A controller that stops at stage 9 has no head to initialise.
+  const auto failed_at_stage = [&stage] {
+    if (stage == 9) err_append_cause(tvx::errors(), kCauseStage9);
+    return FALSE;
+  };
   for (;;) {
     if (!csp_message_in(t.packets) || !csp_expect_destination(t.packets)) {
       qualify(kOp, "hardware inactive at stage %d", stage);
-      if (stage == 9) err_append_cause(tvx::errors(), kCauseStage9);
-      return FALSE;
+      return failed_at_stage();
     }
     INT16 control = 0;
-    INT16 value = 0;
     csp_get_control(t.packets, &control);
     if (control == CS71_COMPLETE) break;
     if (control != CS71_PROGRESS_CHAR && control != CS71_PROGRESS_STAGE) {
@@ -213,15 +234,21 @@ BOOL cs71_wait_while_active(HANDLE controller, const char *prefix, INT16 progres
       return qualify(kOp);
     }
     if (!csp_expect_n_params(t.packets, progress_low, progress_high)) return qualify(kOp);
-    INT16 count = 0;
+    INT16 count = 0, value = 0;
     csp_get_params_size(t.packets, &count);
-    if (count < 1) continue;
-    csp_get_msg_param(t.packets, 0, &value);
-    if (control == CS71_PROGRESS_CHAR) {
-      report_send(info.get(), "%c", static_cast<char>(value));
-    } else {
-      stage = value;
-      report_send(info.get(), ".%d", stage);
+    if (count >= 1 && csp_get_msg_param(t.packets, 0, &value)) {
+      if (control == CS71_PROGRESS_CHAR) {
+        report_send(info.get(), "%c", static_cast<char>(value));
+      } else {
+        if (value != stage) stage_began = time_centiseconds();
+        stage = value;
+        report_send(info.get(), ".%d", stage);
+      }
+    }
+    if (time_centiseconds() - stage_began > limit) {
+      fail(ERR_TIMEOUT, 0, kOp, {kCauseNoResponse}, "still at stage %d after %lu centiseconds.",
+           stage, static_cast<unsigned long>(limit));
+      return failed_at_stage();
     }
   }
   return csp_expect_n_params(t.packets, final_low, final_high) ? TRUE : qualify(kOp);

@@ -193,6 +193,13 @@ TEST_F(Controller, FaultsSurfaceWithTheirTexts) {
        "hardware initialization failed", 0x2006, 0, [](HANDLE c) { return cs71_hwinit(c, 0); }},
       {TVX_CTL_BAD_STATE_VECTOR, 54, "Droop1 failed, Offset failed, Shutter hold data invalid",
        "check state vector failed", 0, 0, [](HANDLE c) { return cs71_check_state_vector(c); }},
+      // Progress without end: each stage may last as long as the adapter waits for a reply.
+      {TVX_CTL_ENDLESS_PROGRESS, 2, "still at stage 10 after 100 centiseconds.",
+       "hardware initialization failed", 0x300B, 0, [](HANDLE c) { return cs71_hwinit(c, 0); }},
+      {TVX_CTL_ENDLESS_PROGRESS, 8, "still at stage 4 after 100 centiseconds.",
+       "set blacklevel failed", 0x300B, 0, [](HANDLE c) { return cs71_set_blacklevel(c, 900); }},
+      {TVX_CTL_ENDLESS_PROGRESS, 9, "still at stage 3 after 100 centiseconds.",
+       "set noise trim failed", 0x300B, 0, [](HANDLE c) { return cs71_set_noise_trim(c); }},
   };
   for (const Case &k : cases) {
     ASSERT_TRUE(tvx_test_controller_fault(k.fault, k.control));
