@@ -23,9 +23,10 @@
 
 namespace tvx_test {
 
+// From the source tree the build names: __FILE__ is relative when the compiler cache rewrites
+// paths, and the tests run elsewhere.
 inline std::string data_file(const char *name) {
-  std::string here = __FILE__;
-  return here.substr(0, here.rfind("/tests/")) + "/data/sim/" + name;
+  return std::string(TVX_SOURCE_DIR) + "/data/sim/" + name;
 }
 
 inline std::vector<uint8_t> slurp(const std::string &path) {
