@@ -71,7 +71,8 @@ TVX_API HANDLE sysparams_new(void);
 TVX_API void sysparams_delete(HANDLE params);
 /* The list of parameter handles, newest first; it belongs to the parameter list. */
 TVX_API HANDLE sysparams_get_list(HANDLE params);
-/* The newest parameter goes first. */
+/* The newest parameter goes first. The list owns the parameter from the call on: one it cannot
+ * take is deleted. */
 TVX_API BOOL sysparams_append(HANDLE params, HANDLE param);
 
 /* Lookups. Where a parameter appears more than once, the one appended first wins, except for

@@ -452,6 +452,21 @@ bool fail(INT32 category, INT32 code, const char *routine, std::initializer_list
   return false;
 }
 
+bool fail_unless_pending(INT32 category, INT32 code, const char *routine,
+                         std::initializer_list<INT32> causes, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  if (error_pending()) {
+    char message[1024];
+    std::vsnprintf(message, sizeof message, format, args);
+    err_qualify(&top, routine, message);
+  } else {
+    vfail(category, code, routine, causes, format, args);
+  }
+  va_end(args);
+  return false;
+}
+
 bool qualify(const char *routine) {
   err_qualify(&top, routine, "");
   return false;

@@ -18,6 +18,13 @@ err_stack errors();
 bool fail(INT32 category, INT32 code, const char *routine, std::initializer_list<INT32> causes,
           const char *format, ...) __attribute__((format(printf, 5, 6)));
 
+// A fault that an earlier one may have caused, such as a handle missing because its allocation
+// failed: with an error already pending, only qualifies it with the text, so that the real cause
+// stays on top of the stack; otherwise sets the error as `fail` does. Returns false.
+bool fail_unless_pending(INT32 category, INT32 code, const char *routine,
+                         std::initializer_list<INT32> causes, const char *format, ...)
+    __attribute__((format(printf, 5, 6)));
+
 // Qualifies the error on the way out with a formatted text. Returns false.
 bool qualify(const char *routine, const char *format, ...) __attribute__((format(printf, 2, 3)));
 

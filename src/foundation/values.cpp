@@ -356,11 +356,16 @@ void sysparams_delete(HANDLE params) {
 
 BOOL sysparams_append(HANDLE params, HANDLE param) {
   static const char *const kOp = "sysparams_append";
+  // A parameter missing because it could not be made leaves that failure on top.
   if (param == nullptr)
-    return tvx::fail(ERR_NO_DATA, 0, kOp, {kProgrammerError}, "no parameter to append.");
+    return tvx::fail_unless_pending(ERR_NO_DATA, 0, kOp, {kProgrammerError},
+                                    "no parameter to append.");
+  // The list owns the parameter from here on; one it cannot take is let go at once.
   Locked<ParamsRecord> p(params, kOp);
-  if (!p) return tvx::qualify(kOp);
-  if (!list_append_head(p->list, param)) return tvx::qualify(kOp);
+  if (!p || !list_append_head(p->list, param)) {
+    sysparam_delete(param);
+    return tvx::qualify(kOp);
+  }
   return true;
 }
 

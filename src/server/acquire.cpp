@@ -363,7 +363,6 @@ BOOL server_expose_ccd(HANDLE server, INT32 milliseconds) {
       sysparams_delete(params);
       return ok ? TRUE : qualify(kOp);
     }
-    sysparam_delete(time);
     sysparams_delete(params);
     if (tvx::error_pending()) err_reset_all(tvx::errors());
   }

@@ -98,9 +98,12 @@ BOOL server_empty(HANDLE server) {
   static const char *const kOp = "server_empty";
   Locked r(server, kOp);
   if (!r) return refused(kOp);
+  // The new list first: a server that cannot have one keeps its programs.
+  HANDLE fresh = list_new();
+  if (fresh == nullptr) return refused(kOp);
   if (r->programs != nullptr) list_delete(r->programs, camprog_delete);
-  r->programs = list_new();
-  return r->programs != nullptr ? TRUE : refused(kOp);
+  r->programs = fresh;
+  return TRUE;
 }
 
 }  // extern "C"

@@ -71,7 +71,7 @@ bool paint(HANDLE regions, HANDLE map, INT32 bx, INT32 by, INT32 adc_mode) {
     HANDLE cut = region_new(f.x, f.y, f.width, f.height, nullptr);
     const bool ok = cut != nullptr && image_set_region(map, cut, 1);
     region_delete(cut);
-    if (!ok) return fail(ERR_OUT_OF_RANGE, 0, kOp, {}, "cannot fill region");
+    if (!ok) return tvx::fail_unless_pending(ERR_OUT_OF_RANGE, 0, kOp, {}, "cannot fill region");
   }
   return true;
 }

@@ -200,6 +200,19 @@ TEST_F(Params, NullListAndNullParameterAreErrors) {
   EXPECT_EQ(category(), ERR_NO_DATA);
   err_reset_all(stack());
 
+  // A parameter that could not be made leaves its own failure on top; one whose list node cannot
+  // be made is let go (the fixture counts the blocks).
+  tvx_test_fail_allocation(1, FALSE);
+  EXPECT_FALSE(sysparams_append(params_, sysparam_make_ival(SYSPARAM_XBIN, 2)));
+  EXPECT_EQ(terminal(), "handle_allocate: unable to continue");
+  EXPECT_EQ((*stack())->next, nullptr) << "no second record";
+  err_reset_all(stack());
+  HANDLE param = sysparam_make_ival(SYSPARAM_XBIN, 2);
+  tvx_test_fail_allocation(1, FALSE);
+  EXPECT_FALSE(sysparams_append(params_, param));
+  EXPECT_EQ(terminal(), "handle_allocate: unable to continue");
+  err_reset_all(stack());
+
   // A parameter list whose inner list is gone (as after a half-failed construction).
   auto *inner = static_cast<HANDLE *>(handle_lock(params_, "test"));
   HANDLE saved = *inner;
