@@ -9,6 +9,7 @@
 #include <ctime>
 #include <filesystem>
 
+#include "cooling.h"
 #include "definitions.h"
 #include "tvx/testing.h"
 
@@ -277,6 +278,16 @@ void Session::describe(Exposure *e) {
   e->detector = chip_.type;
   e->serial_no = chip_.serial_no;
   e->instrument = simulated_ ? "7100 controller (simulated)" : "7100 controller";
+}
+
+std::optional<double> Session::cooler_set_point() const {
+  return session::cooler_set_point(defs_);
+}
+
+void Session::start_cooling() {
+  // The command carries no temperature; the set point is passed only as the call asks for one.
+  const double kelvin = cooler_set_point().value_or(0.0) + kKelvinAtZeroCelsius;
+  check(server_set_ccd_temp(server_, kelvin), "switching the cooler on");
 }
 
 void Session::wait_ms(long ms) {

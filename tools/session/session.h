@@ -141,6 +141,11 @@ class Session {
   double ccd_celsius(double *second = nullptr);
   // Fills in what the header says of the camera: gain, readout mode, detector and instrument.
   void describe(Exposure *e);
+  // The controller's cooling set point in degrees Celsius (see cooling.h); none when the hardware
+  // definition gives the chip no nominal temperature.
+  std::optional<double> cooler_set_point() const;
+  // Switches the cooler on: the controller cools the chip to its own set point.
+  void start_cooling();
   // Waits `ms` on the library's clock, so that a virtual clock jumps rather than sleeps.
   void wait_ms(long ms);
 
