@@ -2,6 +2,7 @@
 #ifndef TVX_TVX_H
 #define TVX_TVX_H
 
+#include "tvx/abort.h"
 #include "tvx/atlink.h"
 #include "tvx/camera.h"
 #include "tvx/config.h"

@@ -125,21 +125,13 @@ bool parse_region(const std::string &text, Region *region) {
   return true;
 }
 
-namespace {
-const char *const kModeNames[] = {"raw", "iz", "processed", "pedestal"};
-}
-
 bool parse_mode(const std::string &text, int *mode) {
   for (int m = 0; m < 4; ++m)
-    if (text == kModeNames[m] || text == std::to_string(m)) {
+    if (text == session::mode_name(m) || text == std::to_string(m)) {
       *mode = m;
       return true;
     }
   return false;
-}
-
-const char *mode_name(int mode) {
-  return mode >= 0 && mode < 4 ? kModeNames[mode] : "unknown";
 }
 
 Format format_of(const std::string &path) {
@@ -148,25 +140,6 @@ Format format_of(const std::string &path) {
   if (ext == ".fits" || ext == ".fit" || ext == ".fts") return Format::fits;
   if (ext == ".png") return Format::png;
   return Format::native;
-}
-
-std::string shipped_data_dir() {
-  namespace fs = std::filesystem;
-  std::vector<fs::path> candidates;
-  if (const char *env = std::getenv("TVX_DATA_DIR"); env != nullptr && *env != '\0')
-    candidates.emplace_back(env);
-  char self[PATH_MAX];
-  const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-  if (n > 0) {
-    self[n] = '\0';
-    candidates.push_back(fs::path(self).parent_path() / ".." / "share" / "tvx" / "sim");
-  }
-  candidates.emplace_back(TVXCAM_SOURCE_DATA_DIR);
-  for (const fs::path &dir : candidates) {
-    std::error_code ec;
-    if (fs::is_regular_file(dir / "7100hw.def", ec)) return fs::weakly_canonical(dir, ec).string();
-  }
-  return {};
 }
 
 void define_command_line(CLI::App &app, Command &c) {

@@ -6,41 +6,27 @@
 #include <string>
 #include <vector>
 
+#include "session.h"
+
 namespace CLI {
 class App;
 }
 
 namespace tvxcam {
 
-// A failure of tvxcam's own, not of the library: its text is the whole story.
-struct Failure {
-  std::string text;
-};
+// tvxcam is the session's command line: its camera, pictures, pixels and files.
+using namespace session;
 
-struct Globals {
-  std::string hw;   // hardware definition file; empty: the shipped simulated camera's
-  std::string ccd;  // CCD definition file; empty: the shipped small chip
-  std::string scene;
-  std::optional<long> seed;
-  bool realtime = false;
-  bool virtual_clock = false;
+// The camera to use, and how much to say.
+struct Globals : session::Setup {
   bool quiet = false;
   bool json = false;
 };
 
-struct Region {
-  int x = 0, y = 0, width = 0, height = 0;
-};
-
 enum class Stretch { percentile, asinh };
 
-// One exposure's settings, shared by snap and series.
-struct Acquisition {
-  long exposure_ms = 0;
-  int xbin = 1, ybin = 1;
-  std::vector<Region> regions;
-  int mode = 0;
-  bool dark = false;
+// One exposure's settings, shared by snap and series, and where its picture goes.
+struct Acquisition : session::Shot {
   std::vector<std::string> outputs;
   Stretch stretch = Stretch::asinh;
   double low_percent = 0.5, high_percent = 99.9;
@@ -79,12 +65,6 @@ bool parse_binning(const std::string &text, int *x, int *y);
 bool parse_region(const std::string &text, Region *region);
 // raw, iz, processed, pedestal or 0 .. 3.
 bool parse_mode(const std::string &text, int *mode);
-const char *mode_name(int mode);
 Format format_of(const std::string &path);
-
-// The directory of the shipped simulated camera: the first of $TVX_DATA_DIR, the installed
-// share/tvx/sim beside the program and the source tree's data/sim that holds the hardware file.
-// Empty when none does.
-std::string shipped_data_dir();
 
 }  // namespace tvxcam

@@ -29,7 +29,7 @@ std::vector<Written> write_outputs(const std::vector<std::string> &outputs,
     const Format format = format_of(out);
     if (format == Format::fits) {
       const std::string path = numbered(out, frame, digits, 0);
-      write_fits(path, planes, exposure);
+      write_fits(path, planes, exposure, std::string("tvxcam ") + TVXCAM_VERSION);
       written.push_back(
           {path, several ? "FITS, " + std::to_string(planes.size()) + " extensions" : "FITS"});
       continue;

@@ -6,7 +6,7 @@
 
 #include "tvx/tvx.h"
 
-namespace tvxcam {
+namespace session {
 
 struct Shape {
   int width = 0, height = 0, depth = 0;
@@ -32,4 +32,4 @@ Stats stats_of(HANDLE image);
 // The level below which `percent` of `values` lie (nearest rank); reorders `values`.
 double percentile(std::vector<double> &values, double percent);
 
-}  // namespace tvxcam
+}  // namespace session

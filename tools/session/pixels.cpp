@@ -7,7 +7,7 @@
 
 #include "session.h"
 
-namespace tvxcam {
+namespace session {
 
 Shape shape_of(HANDLE image) {
   Shape s;
@@ -117,4 +117,4 @@ Stats stats_of(HANDLE image) {
   return out;
 }
 
-}  // namespace tvxcam
+}  // namespace session

@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-namespace tvxcam {
+namespace session {
 
 namespace {
 
@@ -23,14 +23,14 @@ bool read_gains(HANDLE config, Definitions *out) {
   bool ok = gain_extract_table(&table, config);
   for (INT32 n = 1; ok && n <= list_size(table.table); ++n) {
     HANDLE h = list_get_nth_object(table.table, n);
-    const auto *s = static_cast<const gainsetting *>(handle_lock(h, "tvxcam"));
+    const auto *s = static_cast<const gainsetting *>(handle_lock(h, "session"));
     if (s == nullptr) {
       ok = false;
       break;
     }
     out->gains.push_back(
         GainRow{s->pixel_rate, s->sensitivity, s->ms_per_pixel, s->comment ? s->comment : ""});
-    handle_unlock(h, "tvxcam");
+    handle_unlock(h, "session");
   }
   gain_dtor(&table);
   return ok;
@@ -43,13 +43,13 @@ bool read_programs(HANDLE config, Definitions *out) {
   // The reader puts each program in front of the last: the file's order is the list reversed.
   for (INT32 n = list_size(list); ok && n >= 1; --n) {
     HANDLE h = list_get_nth_object(list, n);
-    const auto *p = static_cast<const camprog *>(handle_lock(h, "tvxcam"));
+    const auto *p = static_cast<const camprog *>(handle_lock(h, "session"));
     if (p == nullptr) {
       ok = false;
       break;
     }
     out->programs.push_back(Program{p->name ? p->name : "", p->filename ? p->filename : ""});
-    handle_unlock(h, "tvxcam");
+    handle_unlock(h, "session");
   }
   if (list != nullptr) list_delete(list, camprog_delete);
   return ok;
@@ -92,4 +92,4 @@ bool read_definitions(const std::string &hw, const std::string &ccd, Definitions
   return read_volts(c.handle, out) && read_programs(c.handle, out);
 }
 
-}  // namespace tvxcam
+}  // namespace session

@@ -1,6 +1,7 @@
 // A camera session: the server and camera brought up from the definition files (the shipped
-// simulated camera unless told otherwise), the simulator's scene and clock as the command line
-// chose them, and the pictures taken through it.
+// simulated camera unless told otherwise), the simulator's scene and clock as the program chose
+// them, and the pictures taken through it. tvxcam, the INDI driver and the Python package all
+// take their pictures through it, so the three describe a frame the same way.
 #pragma once
 
 #include <functional>
@@ -9,15 +10,51 @@
 #include <vector>
 
 #include "definitions.h"
-#include "options.h"
 #include "tvx/tvx.h"
 
-namespace tvxcam {
+namespace session {
 
-// The library refused: its error stack tells why. `what` says what tvxcam was doing.
+// A failure of the program's own, not of the library: its text is the whole story.
+struct Failure {
+  std::string text;
+};
+
+// The library refused: its error stack tells why. `what` says what the program was doing.
 struct LibraryError {
   std::string what;
 };
+
+// Which camera to bring up, and for the simulated one what it looks at.
+struct Setup {
+  std::string hw;   // hardware definition file; empty: the shipped simulated camera's
+  std::string ccd;  // CCD definition file; empty: the shipped small chip
+  std::string scene;
+  std::optional<long> seed;
+  bool realtime = false;
+  bool virtual_clock = false;
+};
+
+// A rectangle on the chip in unbinned pixels.
+struct Region {
+  int x = 0, y = 0, width = 0, height = 0;
+};
+
+// One exposure's settings.
+struct Shot {
+  long exposure_ms = 0;
+  int xbin = 1, ybin = 1;
+  std::vector<Region> regions;  // none: the whole chip
+  int mode = 0;                 // operation mode 0 .. 3
+  bool dark = false;            // the shutter stays closed
+};
+
+// raw, iz, processed or pedestal; "unknown" for any other mode.
+const char *mode_name(int mode);
+
+// The directory of the shipped simulated camera: the first of $TVX_DATA_DIR, the installed
+// share/tvx/sim beside the program or beside the library, and the source tree's data/sim that
+// holds the hardware file. Empty when none does.
+std::string shipped_data_dir();
 
 // Throws LibraryError when the library call failed.
 inline void check(BOOL ok, const std::string &what) {
@@ -80,7 +117,7 @@ struct ChipFacts {
 
 class Session {
  public:
-  explicit Session(const Globals &globals);
+  explicit Session(const Setup &setup);
   ~Session();
   Session(const Session &) = delete;
   Session &operator=(const Session &) = delete;
@@ -96,23 +133,28 @@ class Session {
   const Definitions &definitions() const { return defs_; }
 
   // Binning and operation mode for the next pictures.
-  void configure(const Acquisition &a);
+  void configure(const Shot &a);
   // Flushes `preflush` times, exposes (or, for a dark frame, waits with the shutter closed) and
   // reads out the regions (none: the whole chip).
-  Picture take(const Acquisition &a, long preflush, const Stages &stages);
+  Picture take(const Shot &a, long preflush, const Stages &stages);
   // The CCD temperature of the first sensor in degrees Celsius.
   double ccd_celsius(double *second = nullptr);
   // Fills in what the header says of the camera: gain, readout mode, detector and instrument.
   void describe(Exposure *e);
+  // The controller's cooling set point in degrees Celsius (see cooling.h); none when the hardware
+  // definition gives the chip no nominal temperature.
+  std::optional<double> cooler_set_point() const;
+  // Switches the cooler on: the controller cools the chip to its own set point.
+  void start_cooling();
   // Waits `ms` on the library's clock, so that a virtual clock jumps rather than sleeps.
   void wait_ms(long ms);
 
  private:
-  void start(const Globals &g);
+  void start(const Setup &g);
   void release();
-  void open_server(const Globals &g);
-  void apply_simulator(const Globals &g);
-  std::vector<Plane> planes_of(const Acquisition &a, HANDLE images);
+  void open_server(const Setup &g);
+  void apply_simulator(const Setup &g);
+  std::vector<Plane> planes_of(const Shot &a, HANDLE images);
 
   std::string hw_, ccd_;
   std::string staging_;  // a directory of our own when the hardware file is not "7100hw.def"
@@ -122,4 +164,4 @@ class Session {
   Definitions defs_;
 };
 
-}  // namespace tvxcam
+}  // namespace session

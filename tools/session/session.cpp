@@ -1,16 +1,56 @@
 // Bringing the camera up and taking pictures through the library's camera calls.
 #include "session.h"
 
+#include <dlfcn.h>
+#include <limits.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 
+#include "cooling.h"
 #include "definitions.h"
 #include "tvx/testing.h"
 
-namespace tvxcam {
+namespace session {
 
 namespace fs = std::filesystem;
+
+namespace {
+const char *const kModeNames[] = {"raw", "iz", "processed", "pedestal"};
+}
+
+const char *mode_name(int mode) {
+  return mode >= 0 && mode < 4 ? kModeNames[mode] : "unknown";
+}
+
+std::string shipped_data_dir() {
+  std::vector<fs::path> candidates;
+  if (const char *env = std::getenv("TVX_DATA_DIR"); env != nullptr && *env != '\0')
+    candidates.emplace_back(env);
+  const auto share_beside = [](const fs::path &file) {
+    return file.parent_path() / ".." / "share" / "tvx" / "sim";
+  };
+  // An installed program finds the files in its own prefix; a program that only loads the
+  // library (a Python interpreter, say) finds them in the library's prefix.
+  char self[PATH_MAX];
+  const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n > 0) {
+    self[n] = '\0';
+    candidates.push_back(share_beside(self));
+  }
+  Dl_info library{};
+  if (dladdr(reinterpret_cast<void *>(&camera_new), &library) != 0 && library.dli_fname != nullptr)
+    candidates.push_back(share_beside(library.dli_fname));
+  candidates.emplace_back(TVX_SOURCE_DATA_DIR);
+  for (const fs::path &dir : candidates) {
+    std::error_code ec;
+    if (fs::is_regular_file(dir / SERVER_DEFINITION_FILE, ec))
+      return fs::weakly_canonical(dir, ec).string();
+  }
+  return {};
+}
 
 std::string error_story() {
   err_stack stack = nullptr;
@@ -81,7 +121,7 @@ fs::path absolute(const std::string &path) {
 
 // ---- The session ---------------------------------------------------------------------------
 
-Session::Session(const Globals &g) {
+Session::Session(const Setup &g) {
   try {
     start(g);
   } catch (...) {
@@ -107,7 +147,7 @@ void Session::release() {
   virtual_clock_ = false;
 }
 
-void Session::start(const Globals &g) {
+void Session::start(const Setup &g) {
   open_server(g);
   camera_ = camera_new(server_, ccd_.c_str());
   check(camera_ != nullptr, "bringing up the camera from " + ccd_);
@@ -133,7 +173,7 @@ void Session::start(const Globals &g) {
   defs_ = std::move(full);
 }
 
-void Session::open_server(const Globals &g) {
+void Session::open_server(const Setup &g) {
   const std::string shipped = shipped_data_dir();
   if ((g.hw.empty() || g.ccd.empty()) && shipped.empty())
     throw Failure{
@@ -161,7 +201,7 @@ void Session::open_server(const Globals &g) {
   // everything else of its directory (the micro-code files).
   fs::path served = absolute(hw_);
   if (served.filename() != SERVER_DEFINITION_FILE) {
-    std::string pattern = (fs::temp_directory_path(ec) / "tvxcam-XXXXXX").string();
+    std::string pattern = (fs::temp_directory_path(ec) / "tvx-hw-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr)
       throw Failure{"cannot make a directory for the hardware file in " +
                     fs::temp_directory_path(ec).string()};
@@ -197,7 +237,7 @@ void Session::open_server(const Globals &g) {
   check(server_ != nullptr, "starting the controller from " + hw_);
 }
 
-void Session::apply_simulator(const Globals &g) {
+void Session::apply_simulator(const Setup &g) {
   if (!simulated_) return;
   // The server has applied the hardware file's SIMULATOR section; the command line overrides it.
   if (g.scene.empty() && !g.seed && !g.realtime) return;
@@ -216,7 +256,7 @@ void Session::apply_simulator(const Globals &g) {
         "choosing the simulator's scene");
 }
 
-void Session::configure(const Acquisition &a) {
+void Session::configure(const Shot &a) {
   check(camera_set_binning(camera_, a.xbin, a.ybin), "setting the binning");
   check(camera_set_operation_mode(camera_, a.mode), "setting the operation mode");
 }
@@ -240,12 +280,22 @@ void Session::describe(Exposure *e) {
   e->instrument = simulated_ ? "7100 controller (simulated)" : "7100 controller";
 }
 
+std::optional<double> Session::cooler_set_point() const {
+  return session::cooler_set_point(defs_);
+}
+
+void Session::start_cooling() {
+  // The command carries no temperature; the set point is passed only as the call asks for one.
+  const double kelvin = cooler_set_point().value_or(0.0) + kKelvinAtZeroCelsius;
+  check(server_set_ccd_temp(server_, kelvin), "switching the cooler on");
+}
+
 void Session::wait_ms(long ms) {
   // The library's delay counts centiseconds; the rest of a centisecond is not worth a wait.
   check(delay_centiseconds(static_cast<DWORD>((ms + 5) / 10)), "waiting");
 }
 
-std::vector<Plane> Session::planes_of(const Acquisition &a, HANDLE images) {
+std::vector<Plane> Session::planes_of(const Shot &a, HANDLE images) {
   std::vector<Plane> planes;
   const INT32 n = list_size(images);
   for (INT32 i = 1; i <= n; ++i) {
@@ -288,7 +338,7 @@ std::vector<Plane> Session::planes_of(const Acquisition &a, HANDLE images) {
   return planes;
 }
 
-Picture Session::take(const Acquisition &a, long preflush, const Stages &stages) {
+Picture Session::take(const Shot &a, long preflush, const Stages &stages) {
   // A region off the chip is refused before the exposure rather than after it.
   for (size_t i = 0; i < a.regions.size(); ++i) {
     const Region &r = a.regions[i];
@@ -363,4 +413,4 @@ Picture Session::take(const Acquisition &a, long preflush, const Stages &stages)
   return picture;
 }
 
-}  // namespace tvxcam
+}  // namespace session

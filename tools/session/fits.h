@@ -7,13 +7,14 @@
 
 #include "session.h"
 
-namespace tvxcam {
+namespace session {
 
 // Writes `planes` to `path`, replacing it: one image in the primary HDU, several as image
 // extensions named by EXTNAME after an empty primary HDU. `exposure` may be null (a converted
-// file knows nothing of its exposure). Throws Failure with cfitsio's message.
-void write_fits(const std::string &path, const std::vector<Plane> &planes,
-                const Exposure *exposure);
+// file knows nothing of its exposure); `creator` names the program for CREATOR. Throws Failure
+// with cfitsio's message.
+void write_fits(const std::string &path, const std::vector<Plane> &planes, const Exposure *exposure,
+                const std::string &creator);
 
 // Whether a file begins as every FITS file does.
 bool is_fits(const std::string &path);
@@ -22,4 +23,4 @@ bool is_fits(const std::string &path);
 // Failure for a file cfitsio cannot read, no two-dimensional image, or floating-point pixels.
 HANDLE read_fits(const std::string &path);
 
-}  // namespace tvxcam
+}  // namespace session

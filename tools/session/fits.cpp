@@ -9,9 +9,10 @@
 #include <cstring>
 #include <fstream>
 
+#include "header.h"
 #include "pixels.h"
 
-namespace tvxcam {
+namespace session {
 
 namespace {
 
@@ -54,57 +55,27 @@ void write_pixels(fitsfile *f, HANDLE image, const Shape &s, const std::string &
   fits_check(status, path, "pixels");
 }
 
-void key_string(fitsfile *f, const char *key, const std::string &value, const char *comment,
-                int *status) {
-  fits_update_key(f, TSTRING, key, const_cast<char *>(value.c_str()), comment, status);
-}
-
-void key_int(fitsfile *f, const char *key, long value, const char *comment, int *status) {
-  fits_update_key(f, TLONG, key, &value, comment, status);
-}
-
-void key_double(fitsfile *f, const char *key, double value, int decimals, const char *comment,
-                int *status) {
-  fits_update_key_fixdbl(f, key, value, decimals, comment, status);
-}
-
-void write_keywords(fitsfile *f, const Plane &p, const Exposure *e, const std::string &path) {
+void write_cards(fitsfile *f, const std::vector<Card> &cards, const std::string &path) {
   int status = 0;
-  if (!p.name.empty()) key_string(f, "EXTNAME", p.name, "region of the readout", &status);
-  if (e != nullptr) {
-    key_double(f, "EXPTIME", e->seconds, 3, "[s] exposure time", &status);
-    key_string(f, "DATE-OBS", e->date_obs, "[UTC] start of the exposure", &status);
-    // A frame read straight after the flush holds only the bias.
-    const char *type = e->seconds == 0 ? "Bias Frame" : e->dark ? "Dark Frame" : "Light Frame";
-    key_string(f, "IMAGETYP", type, "type of image", &status);
-    key_int(f, "XBINNING", e->xbin, "binning along rows", &status);
-    key_int(f, "YBINNING", e->ybin, "binning along columns", &status);
+  for (const Card &c : cards) {
+    char *comment = const_cast<char *>(c.comment.c_str());
+    char *key = const_cast<char *>(c.key.c_str());
+    if (const auto *text = std::get_if<std::string>(&c.value)) {
+      fits_update_key(f, TSTRING, key, const_cast<char *>(text->c_str()), comment, &status);
+    } else if (const auto *number = std::get_if<long>(&c.value)) {
+      long value = *number;
+      fits_update_key(f, TLONG, key, &value, comment, &status);
+    } else {
+      fits_update_key_fixdbl(f, key, std::get<double>(c.value), c.decimals, comment, &status);
+    }
   }
-  if (p.x0 && p.y0) {
-    key_int(f, "XORGSUBF", *p.x0, "[pixel] subframe origin on the chip, x", &status);
-    key_int(f, "YORGSUBF", *p.y0, "[pixel] subframe origin on the chip, y", &status);
-  }
-  if (e != nullptr) {
-    if (e->ccd_celsius)
-      key_double(f, "CCD-TEMP", *e->ccd_celsius, 2, "[C] CCD temperature at the start", &status);
-    key_double(f, "GAIN", e->electrons_per_level, 4, "[e-/ADU] electrons per level", &status);
-    key_string(f, "INSTRUME", e->instrument, "camera controller", &status);
-    key_string(f, "DETECTOR", e->detector, "CCD type", &status);
-    if (!e->serial_no.empty())
-      key_string(f, "CCDSERNO", e->serial_no, "CCD serial number", &status);
-    key_string(f, "READOUTM", e->readout_mode, "readout mode (pixel rate, sensitivity)", &status);
-    key_string(f, "OPMODE", mode_name(e->mode), "tvx operation mode", &status);
-  }
-  key_string(f, "BUNIT", "adu", "pixel values are converter levels", &status);
-  key_string(f, "CREATOR", std::string("tvxcam ") + TVXCAM_VERSION, "program that wrote the file",
-             &status);
   fits_check(status, path, "keywords");
 }
 
 }  // namespace
 
-void write_fits(const std::string &path, const std::vector<Plane> &planes,
-                const Exposure *exposure) {
+void write_fits(const std::string &path, const std::vector<Plane> &planes, const Exposure *exposure,
+                const std::string &creator) {
   if (planes.empty()) throw Failure{"nothing to write to '" + path + "'"};
   // A disk file with no clobber or extended-name syntax: the name is taken as it stands.
   if (unlink(path.c_str()) != 0 && errno != ENOENT)
@@ -117,9 +88,9 @@ void write_fits(const std::string &path, const std::vector<Plane> &planes,
     // An empty primary HDU says what all the regions share; each region is an extension.
     fits_create_img(file.f, BYTE_IMG, 0, nullptr, &status);
     fits_check(status, path, "primary header");
-    Plane shared;
-    write_keywords(file.f, shared, exposure, path);
-    key_int(file.f, "NREGIONS", long(planes.size()), "regions read, one extension each", &status);
+    std::vector<Card> shared = header_cards(Plane{}, exposure, creator);
+    shared.push_back({"NREGIONS", long(planes.size()), "regions read, one extension each"});
+    write_cards(file.f, shared, path);
     fits_write_chksum(file.f, &status);
     fits_check(status, path, "primary header");
   }
@@ -128,7 +99,7 @@ void write_fits(const std::string &path, const std::vector<Plane> &planes,
     long axes[2] = {s.width, s.height};
     fits_create_img(file.f, bitpix_of(s), 2, axes, &status);
     fits_check(status, path, "image header");
-    write_keywords(file.f, p, exposure, path);
+    write_cards(file.f, header_cards(p, exposure, creator), path);
     write_pixels(file.f, p.image, s, path);
     fits_write_chksum(file.f, &status);
     fits_check(status, path, "checksum");
@@ -200,4 +171,4 @@ HANDLE read_fits(const std::string &path) {
   return image;
 }
 
-}  // namespace tvxcam
+}  // namespace session

@@ -1,4 +1,4 @@
-// What tvxcam reads from the definition files itself, beside the camera: the adapter's name (is
+// What a session reads from the definition files itself, beside the camera: the adapter's name (is
 // it the simulator?), the simulator's own settings, every voltage's nominal value and tolerance,
 // the gain table's rows with their descriptions and the camera programs.
 #pragma once
@@ -8,7 +8,7 @@
 
 #include "tvx/tvx.h"
 
-namespace tvxcam {
+namespace session {
 
 struct GainRow {
   int pixel_rate = 0, sensitivity = 0;
@@ -34,4 +34,4 @@ struct Definitions {
 // when they do not parse.
 bool read_definitions(const std::string &hw, const std::string &ccd, Definitions *out);
 
-}  // namespace tvxcam
+}  // namespace session
