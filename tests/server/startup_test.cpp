@@ -170,6 +170,13 @@ TEST_F(Startup, ProgramsAreLoadedUnderStableIdsAndRunByName) {
   EXPECT_EQ(controls_since(before), (std::vector<int>{20}));
   EXPECT_FALSE(server_execute(server_, "readout", params));
   EXPECT_NE(story().find("unable to execute program 'readout' (readout)"), std::string::npos);
+  // A server that cannot make a new program list keeps the programs it had.
+  tvx_test_fail_allocation(1, FALSE);
+  EXPECT_FALSE(server_empty(server_));
+  EXPECT_NE(story().find("Cannot allocate memory"), std::string::npos);
+  INT32 id = 0;
+  tvx::server::Locked r(server_, "test");
+  EXPECT_TRUE(camprogs_get_pid(r->programs, "flush", &id)) << story();
   sysparams_delete(params);
 }
 
