@@ -184,7 +184,7 @@ void CameraServer::send(const Packet &request, int16_t control, const std::vecto
   std::vector<int16_t> words = {static_cast<int16_t>(3 + carried.size()), destination, kOwnAddress,
                                 control};
   words.insert(words.end(), carried.begin(), carried.end());
-  // While an exposure runs its completion, and whatever follows it, waits.
+  // While an exposure runs, whatever would follow its completion waits.
   std::deque<WORD> &queue = ready_at_ == 0 ? out_ : held_;
   for (int16_t w : words) {
     queue.push_back(static_cast<WORD>(w) & 0xFF);
@@ -219,10 +219,8 @@ void CameraServer::repeat_stage() {
 }
 
 bool CameraServer::next_output(WORD &item) {
-  if (out_.empty() && ready_at_ != 0 && time_centiseconds() - ready_at_ < 0x80000000u) {
-    out_.swap(held_);
-    ready_at_ = 0;
-  }
+  if (out_.empty() && ready_at_ != 0 && time_centiseconds() - ready_at_ < 0x80000000u)
+    end_exposure(true);
   if (out_.empty()) repeat_stage();
   if (out_.empty()) return stream_next(item);
   item = out_.front();
@@ -375,11 +373,13 @@ void CameraServer::act(const Packet &p) {
       const long ms = joined(a[0], a[1]);
       ++s.exposures;
       s.last_exposure_ms = ms;
+      s.exposing = true;
       light_seconds_ += static_cast<double>(ms) / 1000.0;
-      // The completion is held back until the exposure is over.
+      // The completion is answered when the exposure is over.
+      exposure_ = p;
       ready_at_ = time_centiseconds() + static_cast<DWORD>(ms / 10);
       if (ready_at_ == 0) ready_at_ = 1;
-      return send(p, kDone, {});
+      return;
     }
     case 24:
       s.shutter_open = false;
@@ -522,7 +522,12 @@ void CameraServer::act(const Packet &p) {
       s.n_parallel_transfers = a[0];
       break;
     case 62:
-      // The read in progress ends where it is; what the link already holds stays there.
+      // A stop ends whatever the controller is doing for the host. An exposure under way ends at
+      // once: the shutter closes, the chip keeps the light it has had so far, the exposure is never
+      // answered, and the replies its completion held back go out. A read ends where it is, with
+      // no completion and no further frame. What the link holds already stays there: the host
+      // reads it off.
+      if (ready_at_ != 0) end_exposure(false);
       if (streaming_) s.stopped = true;
       streaming_ = false;
       words_.clear();
@@ -538,6 +543,18 @@ void CameraServer::act(const Packet &p) {
       break;
   }
   if (c->reply_params >= 0) send(p, kDone, reply);
+}
+
+void CameraServer::end_exposure(bool answer) {
+  if (!answer) {
+    const auto left = static_cast<int32_t>(ready_at_ - time_centiseconds());
+    if (left > 0) light_seconds_ = std::max(0.0, light_seconds_ - left / 100.0);
+  }
+  ready_at_ = 0;
+  state_.exposing = false;
+  if (answer) send(exposure_, kDone, {});
+  out_.insert(out_.end(), held_.begin(), held_.end());
+  held_.clear();
 }
 
 CameraServer *camera_server_at(WORD base) {

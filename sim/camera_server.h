@@ -38,6 +38,7 @@ struct CameraState {
   } region;
   int ccd_width = 0, ccd_height = 0, xbin = 1, ybin = 1;
   bool shutter_open = false;
+  bool exposing = false;  // an exposure is under way: the shutter is open until it ends
   int16_t userport = 0;
   std::array<int16_t, 40> iospace{};
   bool concurrent = false;
@@ -93,6 +94,8 @@ class CameraServer : public ControllerProgram {
   void drive(size_t channel, int16_t hundredths);
   // What the controller's converter reads on a channel, in hundredths.
   int16_t read_channel(int channel) const;
+  // The exposure under way, ended: its completion answered, or (stopped) never.
+  void end_exposure(bool answer);
   // The chip's temperature at a moment: ambient until the cooler is set, then closing on its
   // target.
   double chip_kelvin(DWORD now) const;
@@ -147,8 +150,9 @@ class CameraServer : public ControllerProgram {
   } stuck_;
 
   std::deque<WORD> out_;   // bytes ready for the link
-  std::deque<WORD> held_;  // a reply held back until `ready_at`
-  DWORD ready_at_ = 0;
+  std::deque<WORD> held_;  // replies held back behind an exposure's completion
+  Packet exposure_{};      // the exposure under way, answered when it ends
+  DWORD ready_at_ = 0;     // when it ends; 0 when none is under way
   int speed_change_ = 0;
 };
 

@@ -18,6 +18,7 @@ TVX_BEGIN_DECLS
 /* The readout block stream: what atlink_testread's status says. */
 #define TESTREAD_OK (-1)
 #define TESTREAD_UNSUPPORTED 0
+#define TESTREAD_ABORTED 1 /* the application asked for an abort */
 #define TESTREAD_SYNC_SIZE 2
 #define TESTREAD_SIZE_RANGE 3
 #define TESTREAD_NO_ROOM 4

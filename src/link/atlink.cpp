@@ -10,6 +10,7 @@
 
 #include "foundation/fail.h"
 #include "foundation/locked.h"
+#include "foundation/wait.h"
 #include "link/link.h"
 #include "platform/platform.h"
 #include "sim/slot.h"
@@ -104,24 +105,21 @@ BOOL control_sequence(HANDLE link, const char *op, const ControlStep (&steps)[N]
   if (!rec) return qualify(op);
   for (const ControlStep &step : steps) {
     if (!change_bits(*rec, step.bits, step.mode)) return qualify(op);
-    if (step.delay != 0) delay_centiseconds(step.delay);
+    if (step.delay != 0) tvx::settle_for(step.delay);
   }
   return TRUE;
 }
 
-// Polls the status register for `mask` until it shows or the time-out passes.
+// Waits for `mask` in the status register; a wait that runs out of time pushes `text` with the
+// causes of a link that stopped answering (one that met an abort has said so).
 bool wait_for(const atlink &r, WORD mask, const char *op, const char *text) {
-  if (read_status(r, mask) != 0) return true;
-  const DWORD start = time_centiseconds();
-  const DWORD limit = std::min(static_cast<DWORD>(r.io_timeout), kLongestWait);
-  while (time_centiseconds() - start < limit) {
-    if (read_status(r, mask) != 0) return true;
-    tvx::platform::clock_idle();
+  using tvx::link::Await;
+  const Await met = tvx::link::await_status(r, mask, op);
+  if (met == Await::timed_out) {
+    fail(ERR_TIMEOUT, 0, op, {}, "%s", text);
+    append_wait_causes();
   }
-  if (read_status(r, mask) != 0) return true;
-  fail(ERR_TIMEOUT, 0, op, {}, "%s", text);
-  append_wait_causes();
-  return false;
+  return met == Await::ready;
 }
 
 bool wait_input(const atlink &r) {
@@ -255,6 +253,19 @@ namespace tvx::link {
 BYTE &boot_counter() {
   static BYTE boots = 0;
   return boots;
+}
+
+Await await_status(const atlink &r, WORD mask, const char *routine) {
+  if (read_status(r, mask) != 0) return Await::ready;
+  const DWORD start = time_centiseconds();
+  const DWORD limit = std::min(static_cast<DWORD>(r.io_timeout), kLongestWait);
+  tvx::platform::PollPauses pauses;
+  while (time_centiseconds() - start < limit) {
+    if (mask == ATLINK_RX_NOT_EMPTY && tvx::interrupted(routine)) return Await::aborted;
+    if (read_status(r, mask) != 0) return Await::ready;
+    pauses.pause();
+  }
+  return read_status(r, mask) != 0 ? Await::ready : Await::timed_out;
 }
 
 }  // namespace tvx::link
@@ -421,7 +432,7 @@ BOOL atlink_transputer_reset(HANDLE link) {
   if (!rec || !atlink_fifo_reset(link) || !atlink_local_transputer_reset(link) ||
       !atlink_distant_transputer_reset(link))
     return qualify(kOp);
-  delay_centiseconds(kResetDelay);
+  tvx::settle_for(kResetDelay);
   return TRUE;
 }
 
@@ -429,9 +440,9 @@ BOOL atlink_analyse(HANDLE link) {
   static const char *const kOp = "atlink_analyse";
   Rec rec(link, kOp);
   if (!rec || !change_bits(*rec, ATLINK_ANALYSE, 1)) return qualify(kOp);
-  delay_centiseconds(kResetDelay);
+  tvx::settle_for(kResetDelay);
   if (!atlink_transputer_reset(link)) return qualify(kOp);
-  delay_centiseconds(kResetDelay);
+  tvx::settle_for(kResetDelay);
   if (!change_bits(*rec, ATLINK_ANALYSE, 0)) return qualify(kOp);
   return TRUE;
 }

@@ -7,6 +7,7 @@
 
 #include "foundation/fail.h"
 #include "foundation/locked.h"
+#include "foundation/wait.h"
 #include "link/link.h"
 #include "tvx/atlink.h"
 #include "tvx/memory.h"
@@ -81,7 +82,7 @@ BOOL atlink_boot(HANDLE link, const char *atlinit_file, const char *boot_file) {
   static const char *const kOp = "atlink_boot";
   if (!atlink_atlinit(link, atlinit_file) || !atlink_distant_transputer_reset(link))
     return qualify(kOp, "unable to boot camera");
-  delay_centiseconds(kControllerResetTime);
+  tvx::settle_for(kControllerResetTime);
   if (!atlink_copy(link, boot_file)) return qualify(kOp, "unable to boot camera");
   Rec rec(link, kOp);
   if (!rec) return qualify(kOp, "unable to boot camera");
@@ -133,7 +134,7 @@ BOOL atlink_copy_block(HANDLE link, FILE *file) {
     if (!print_status(link, "before write and execute", block) ||
         !atlink_write_WORD_array(link, words, size) || !atlink_transputer_reset_high(link))
       return qualify(kOp, "during block %ld.", block);
-    delay_centiseconds(kBlockRunTime);
+    tvx::settle_for(kBlockRunTime);
     if (!print_status(link, "after execute", block) || !atlink_check_status(link))
       return qualify(kOp, "during block %ld.", block);
     ++block;

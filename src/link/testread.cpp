@@ -5,7 +5,9 @@
 
 #include "foundation/fail.h"
 #include "foundation/locked.h"
+#include "foundation/wait.h"
 #include "image/pixels.h"
+#include "link/link.h"
 #include "link/testread.h"
 #include "platform/platform.h"
 #include "tvx/atlink.h"
@@ -17,9 +19,13 @@ namespace {
 
 using tvx::link::Constants;
 
-constexpr DWORD kLongestWait = 9000;  // centiseconds
 constexpr INT32 kCauseProgrammer = 0x1040;
 constexpr INT32 kCauseBlockFailed = 12299;
+// A link that brings nothing for this long after a stop has nothing more to bring; one still busy
+// after the longer time, or after more words than the largest frame has, will not stop.
+constexpr DWORD kQuietDrain = 5, kLongestDrain = 300;  // centiseconds
+constexpr long kMostDrained = 1L << 25;
+constexpr int kDrainBatch = 1024;
 
 inline WORD swap(WORD w) {
   return static_cast<WORD>(w << 8 | w >> 8);
@@ -141,6 +147,7 @@ struct StatusText {
 constexpr StatusText kStatusTexts[] = {
     {TESTREAD_OK, "unsupported read out data format", false},
     {TESTREAD_UNSUPPORTED, "unsupported functionality (7102 mode only)", false},
+    {TESTREAD_ABORTED, "readout abandoned.", false},
     {TESTREAD_SYNC_SIZE, "sync failure on block size.", true},
     {TESTREAD_SIZE_RANGE, "block size out of range.", true},
     {TESTREAD_NO_ROOM, "no room for next block.", true},
@@ -168,31 +175,31 @@ void report_status(INT32 status) {
     for (INT32 cause : kLinkCauses) err_append_cause(tvx::errors(), cause);
 }
 
-// Polls the status port for an input word, on the centisecond clock with the link's time-out.
-bool input_ready(const atlink &r) {
-  if ((port_in16(r.status_port) & ATLINK_RX_NOT_EMPTY) != 0) return true;
-  const DWORD start = time_centiseconds();
-  const DWORD limit = std::min(static_cast<DWORD>(r.io_timeout), kLongestWait);
-  while (time_centiseconds() - start < limit) {
-    if ((port_in16(r.status_port) & ATLINK_RX_NOT_EMPTY) != 0) return true;
-    tvx::platform::clock_idle();
-  }
-  return (port_in16(r.status_port) & ATLINK_RX_NOT_EMPTY) != 0;
+// Waits for an input word; the status says what ended a wait that found none.
+bool input_ready(const atlink &r, INT32 *status, INT32 timed_out) {
+  using tvx::link::Await;
+  const Await met = tvx::link::await_status(r, ATLINK_RX_NOT_EMPTY, "atlink_testread");
+  if (met == Await::ready) return true;
+  *status = met == Await::aborted ? TESTREAD_ABORTED : timed_out;
+  return false;
 }
 
 // The block loop; returns the status.
 INT32 stream(const atlink &r, WORD *buffer, INT32 words, INT32 min_block, INT32 max_block,
              const DataMode &m, const Constants &k) {
-  INT32 done = 0;
+  INT32 done = 0, status = TESTREAD_OK;
   WORD *out = buffer;
   for (;;) {
-    if (!input_ready(r)) return TESTREAD_SYNC_SIZE;
+    // A controller that streams as fast as the host reads never makes a wait wait: the abort is
+    // looked for at every block as well.
+    if (tvx::interrupted("atlink_testread")) return TESTREAD_ABORTED;
+    if (!input_ready(r, &status, TESTREAD_SYNC_SIZE)) return status;
     const INT32 size = port_in16(r.data_port);
     if (size < min_block || size > max_block) return TESTREAD_SIZE_RANGE;
     if (size == 0) return TESTREAD_NO_ROOM;
     if (size % m.multiple != 0) return m.refusal;
     if (done + size > words) return TESTREAD_NO_ROOM;
-    if (!input_ready(r)) return TESTREAD_SYNC_DATA;
+    if (!input_ready(r, &status, TESTREAD_SYNC_DATA)) return status;
     out = m.unpack(r.data_port, out, size, k);
     if (done + size >= words) return TESTREAD_OK;
     done += size;
@@ -220,11 +227,41 @@ bool read_image(HANDLE link, HANDLE image, INT32 data_mode, Constants k, const c
       tvx::qualify(routine,
                    "block# %ld failed (expected %ld words, words read %ld, status %ld, mode %ld)",
                    long{b + 1}, long{words}, long{read / 2}, long{status}, long{data_mode});
-      err_append_cause(tvx::errors(), kCauseBlockFailed);
+      if (status != TESTREAD_ABORTED) err_append_cause(tvx::errors(), kCauseBlockFailed);
       return false;
     }
   }
   return true;
+}
+
+bool drain(HANDLE link) {
+  static const char *const kOp = "atlink_drain";
+  tvx::Locked<atlink> r(link, kOp);
+  if (!r) return tvx::qualify(kOp);
+  const DWORD start = time_centiseconds();
+  DWORD heard = start;
+  long dropped = 0;
+  tvx::platform::PollPauses pauses;
+  for (;;) {
+    bool taken = false;
+    for (int i = 0; i < kDrainBatch && (port_in16(r->status_port) & ATLINK_RX_NOT_EMPTY) != 0;
+         ++i) {
+      port_in16(r->data_port);
+      taken = true;
+      ++dropped;
+    }
+    const DWORD now = time_centiseconds();
+    if (taken) {
+      heard = now;
+      pauses = {};
+    } else if (now - heard >= kQuietDrain) {
+      return true;
+    }
+    if (now - start >= kLongestDrain || dropped > kMostDrained)
+      return tvx::fail(ERR_TIMEOUT, 0, kOp, {}, "the link did not fall quiet (%ld words dropped).",
+                       dropped);
+    if (!taken) pauses.pause();
+  }
 }
 
 }  // namespace tvx::link

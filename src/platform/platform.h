@@ -59,10 +59,28 @@ bool clock_is_virtual();
 void clock_set(DWORD centiseconds);
 void clock_advance(DWORD centiseconds);
 void clock_step(DWORD per_read);
-// Every polling loop calls this after a poll that found nothing: on the real clock it is a
-// processor pause, on the virtual clock a centisecond passes, so that every poll reaches its
-// time-out in a test without real time.
-void clock_idle();
+
+// ---- Waiting -------------------------------------------------------------------------------
+// How the library's waits let time pass between two looks at what they wait for: nothing above
+// the platform sleeps by itself. On the virtual clock each pause lets one centisecond pass
+// instead, so that every wait reaches its end in a test without real time.
+
+// A wait for the centisecond clock to read `deadline`: sleeps toward it, for a centisecond at most
+// so that the caller looks for an abort that often, and spins through the last moments so that the
+// wait ends as the clock turns. Returns at once when the clock has got there.
+void clock_rest(DWORD deadline);
+
+// The pauses of one wait for a device, between polls that found nothing: spinning while an answer
+// may come any moment, then, once the device has kept silent for a while, sleeps that grow with
+// the silence up to a millisecond, so that a device that answers late is still heard at once
+// against the time it took.
+class PollPauses {
+ public:
+  void pause();
+
+ private:
+  uint64_t silent_since_ = 0;  // nanoseconds on the monotonic clock; 0 before the first pause
+};
 
 // ---- Log file ------------------------------------------------------------------------------
 // Creates (or empties) `name` in the current directory and stores its full path in `path`.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "foundation/fail.h"
+#include "foundation/wait.h"
 #include "protocol/protocol.h"
 #include "tvx/csp.h"
 #include "tvx/error.h"
@@ -267,8 +268,8 @@ bool exchange(const Command &c, HANDLE controller, const Target &t, INT16 count,
            cs71_wait_while_active(controller, "", 0, 1, c.reply_low, c.reply_high);
       break;
     case Path::expose:
-      ok = csp_message_out(t.packets, t.camera_id, c.control, count) && delay_centiseconds(sleep) &&
-           cs71_wait_complete(controller, c.reply_low, c.reply_high);
+      ok = csp_message_out(t.packets, t.camera_id, c.control, count) &&
+           tvx::rest_for(sleep, c.op) && cs71_wait_complete(controller, c.reply_low, c.reply_high);
       break;
   }
   INT16 index = 0;

@@ -5,7 +5,6 @@
 #include <algorithm>
 
 #include "foundation/fail.h"
-#include "platform/platform.h"
 #include "server/regions.h"
 #include "tvx/atlink.h"
 #include "tvx/cs71.h"
@@ -24,12 +23,6 @@ using tvx::qualify;
 
 constexpr INT32 kCauseNoImageList = 4165;
 constexpr INT32 kShuffleReads = 200000000;
-
-// Waits on the centisecond clock until `deadline` (a bounded wait: the deadline is never further
-// than one frame delay or one exposure away).
-void wait_until(DWORD deadline) {
-  while (static_cast<int32_t>(time_centiseconds() - deadline) < 0) tvx::platform::clock_idle();
-}
 
 // An empty image list of our own, deleted with its images.
 struct OwnedList {
@@ -144,22 +137,25 @@ bool series_of(HANDLE sysparams, Series *s, const char *routine) {
 // readout, and the frame delay, for frames 1 .. n.
 template <class Readout>
 bool frames(const Record &r, const Series &s, INT32 n, const char *routine, Readout readout) {
+  Acquisition run(r);
   const DWORD period = static_cast<DWORD>(s.delay / 10);
   DWORD deadline = time_centiseconds() + period;
   for (INT32 i = 1; i <= n; ++i) {
     if (s.preflush >= 1 && !cs71_ccd_flush(r.controller, s.preflush))
       return qualify(routine, "during pre-flush of frame %ld", long{i});
-    if (s.shutter_disabled != 0) {
-      wait_until(time_centiseconds() + static_cast<DWORD>(s.exposure / 10));
-    } else if (s.exposure > 0 && !cs71_ccd_expose(r.controller, s.exposure)) {
-      return qualify(routine, "during exposure of frame %ld", long{i});
-    }
+    const bool exposed =
+        s.shutter_disabled != 0
+            ? tvx::wait_until(time_centiseconds() + static_cast<DWORD>(s.exposure / 10), routine)
+            : s.exposure <= 0 || cs71_ccd_expose(r.controller, s.exposure);
+    if (!exposed) return qualify(routine, "during exposure of frame %ld", long{i});
     if (!readout(i)) return qualify(routine, "during readout of frame %ld", long{i});
     if (period != 0) {
-      wait_until(deadline);
+      if (!tvx::wait_until(deadline, routine))
+        return qualify(routine, "during the frame delay after frame %ld", long{i});
       deadline = time_centiseconds() + period;
     }
   }
+  run.finished();
   return true;
 }
 
@@ -183,10 +179,13 @@ BOOL server_readout_ccd(HANDLE server, HANDLE regions, HANDLE images, HANDLE sys
   if (!chip_of(sysparams, &chip, kOp)) return FALSE;
   if (images == nullptr)
     return fail(ERR_NO_DATA, 0, kOp, {kCauseNoImageList}, "image list handle is NULL.");
+  Acquisition run(*r);
   const bool ok = regions == nullptr || list_size(regions) < 2
                       ? single_region(server, *r, regions, images, chip, kOp)
                       : several_regions(server, *r, regions, images, sysparams, chip);
-  return ok ? TRUE : qualify(kOp);
+  if (!ok) return qualify(kOp);
+  run.finished();
+  return TRUE;
 }
 
 BOOL server_empty_all_frames(HANDLE server, HANDLE image_lists) {
@@ -292,6 +291,7 @@ BOOL server_expose_and_readout_ccd(HANDLE server, const char *, HANDLE sysparams
   Series s;
   if (!series_of(sysparams, &s, kOp)) return FALSE;
   if (s.image_lists == nullptr) return missing(kOp, "invalid list of image lists");
+  Acquisition run(*r);
   const Chip &chip = s.chip;
   if (s.regions != nullptr && list_size(s.regions) >= 2) {
     OwnedSequence sequence;
@@ -321,6 +321,7 @@ BOOL server_expose_and_readout_ccd(HANDLE server, const char *, HANDLE sysparams
                                       scrambles.list, sysparams))
       return qualify(kOp);
     server_info(server, "Complete");
+    run.finished();
     return TRUE;
   }
   INT32 x = 0, y = 0, w = chip.columns, h = chip.rows;
@@ -346,6 +347,7 @@ BOOL server_expose_and_readout_ccd(HANDLE server, const char *, HANDLE sysparams
   if (!server_readout_all_srframes(server, s.image_lists, f.width, f.height, sysparams))
     return qualify(kOp);
   server_info(server, "Complete");
+  run.finished();
   return TRUE;
 }
 
@@ -353,6 +355,7 @@ BOOL server_expose_ccd(HANDLE server, INT32 milliseconds) {
   static const char *const kOp = "server_expose_ccd";
   Locked r(server, kOp);
   if (!r) return refused(kOp);
+  Acquisition run(*r);
   INT32 id = 0;
   if (camprogs_get_pid(r->programs, "expose", &id)) {
     HANDLE params = sysparams_new();
@@ -361,12 +364,16 @@ BOOL server_expose_ccd(HANDLE server, INT32 milliseconds) {
     if (time != nullptr && sysparams_append(params, time)) {
       const BOOL ok = server_execute(server, "expose", params);
       sysparams_delete(params);
-      return ok ? TRUE : qualify(kOp);
+      if (!ok) return qualify(kOp);
+      run.finished();
+      return TRUE;
     }
     sysparams_delete(params);
     if (tvx::error_pending()) err_reset_all(tvx::errors());
   }
-  return cs71_ccd_expose(r->controller, milliseconds) ? TRUE : qualify(kOp);
+  if (!cs71_ccd_expose(r->controller, milliseconds)) return qualify(kOp);
+  run.finished();
+  return TRUE;
 }
 
 }  // extern "C"
@@ -384,6 +391,7 @@ BOOL server_shuffle_mode(HANDLE server, HANDLE region, HANDLE image, INT32 expos
   const Fitted f =
       fit(x, y, w, h, x_binning, y_binning, false, wants_even(r->converter.mode, x_binning));
   const INT32 depth = readout_depth(r->converter.mode);
+  Acquisition run(*r);
   if (!cs71_set_region(r->controller, 0, f.x, f.y, f.width, f.height) ||
       !cs71_set_shuffle_mode(r->controller, 2, 2, exposure_time) ||
       !image_check_size(image, f.width, f.height, depth))
@@ -405,10 +413,9 @@ BOOL server_shuffle_mode(HANDLE server, HANDLE region, HANDLE image, INT32 expos
         return qualify(kOp);
       if (user_function(user_argument) != 0) continue;
       report_send(info, "User function ended grab loop at %ld loops\n", long{i});
-      // The controller may have sent part of the next frame before it took the stop: the FIFO
-      // reset drops it, so the next command's reply is not read behind stale pixels.
-      if (!cs71_stop(r->controller) || !atlink_fifo_reset(r->link)) return qualify(kOp);
-      return TRUE;
+      // The controller may have sent part of the next frame before it took the stop.
+      run.finished();
+      return stop_controller(*r) ? TRUE : qualify(kOp);
     }
     report_send(info, "Waiting end of %ld loops ...", long{kShuffleReads});
     if (!cs71_wait_complete(r->controller, 0, 0)) return qualify(kOp);

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "foundation/fail.h"
-#include "server/server_record.h"
+#include "server/regions.h"
 #include "tvx/cs71.h"
 #include "tvx/list.h"
 #include "tvx/readout.h"
@@ -11,32 +11,44 @@
 
 namespace {
 
+using tvx::server::Acquisition;
 using tvx::server::Locked;
+using tvx::server::Record;
 using tvx::server::refused;
 
 // Ids of loaded programs stay below the ad-hoc id, so a program loaded on the spot never
 // replaces one of the list.
 constexpr INT32 kIdRange = SERVER_ADHOC_PROGRAM - 1;
 
-bool execute_named(HANDLE server, const char *bare, const char *program, HANDLE sysparams) {
-  Locked r(server, "server_execute");
-  if (!r) return false;
+bool run_named(HANDLE server, const Record &r, const char *bare, const char *program,
+               HANDLE sysparams) {
   if (std::strcmp(bare, "readout") == 0) {
     HANDLE regions = nullptr, images = nullptr;
     return sysparams_regions_images(sysparams, &regions, &images) &&
            server_readout_ccd(server, regions, images, sysparams);
   }
-  if (std::strcmp(bare, "flush") == 0) return cs71_ccd_flush(r->controller, 1);
+  if (std::strcmp(bare, "flush") == 0) return cs71_ccd_flush(r.controller, 1);
   if (std::strcmp(bare, "shutter") == 0) {
     INT32 time = 0;
     // No exposure time: nothing to open the shutter for.
     if (!sysparams_exposetime(sysparams, &time)) return !tvx::error_pending();
-    return cs71_ccd_expose(r->controller, time);
+    return cs71_ccd_expose(r.controller, time);
   }
   INT32 id = 0;
-  if (camprogs_get_pid(r->programs, bare, &id)) return cs71_execute(r->controller, id);
-  return cs71_load(r->controller, program, SERVER_ADHOC_PROGRAM) &&
-         cs71_execute(r->controller, SERVER_ADHOC_PROGRAM);
+  if (camprogs_get_pid(r.programs, bare, &id)) return cs71_execute(r.controller, id);
+  return cs71_load(r.controller, program, SERVER_ADHOC_PROGRAM) &&
+         cs71_execute(r.controller, SERVER_ADHOC_PROGRAM);
+}
+
+// A program runs as one acquisition: whatever it leaves the controller doing when it fails is
+// stopped.
+bool execute_named(HANDLE server, const char *bare, const char *program, HANDLE sysparams) {
+  Locked r(server, "server_execute");
+  if (!r) return false;
+  Acquisition run(*r);
+  if (!run_named(server, *r, bare, program, sysparams)) return false;
+  run.finished();
+  return true;
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 // What the readout files of the server share: fitting a rectangle to the binning grid, the chip
-// as the sysparams describe it, the depth of the readout, and the stream's constants.
+// as the sysparams describe it, the depth of the readout, the stream's constants, and the guard
+// every exposure and readout runs under.
 #pragma once
 
+#include "foundation/wait.h"
 #include "link/testread.h"
 #include "server/server_record.h"
 #include "tvx/readout.h"
@@ -46,5 +48,27 @@ tvx::link::Constants constants_of(const Record &r);
 
 // A pushed terminal error with causes, under `routine`; false.
 bool missing(const char *routine, const char *text);
+
+// Stops whatever the controller is doing for the host and empties the link of what it has sent
+// already, so that the next command's reply is not read behind stale pixels.
+bool stop_controller(const Record &r);
+
+// An exposure or readout under way on the controller, from its first command to its last reply.
+// The waits on the controller meet an abort while one is open. The outermost one, closed without
+// having finished, stops the controller: however deep a failure came from, and however many
+// stages it passed on its way out, the controller is stopped and the link drained once.
+class Acquisition {
+ public:
+  explicit Acquisition(const Record &r) : r_(r) {}
+  ~Acquisition();
+  Acquisition(const Acquisition &) = delete;
+  Acquisition &operator=(const Acquisition &) = delete;
+  void finished() { finished_ = true; }
+
+ private:
+  const Record &r_;
+  tvx::Interruptible waits_;
+  bool finished_ = false;
+};
 
 }  // namespace tvx::server

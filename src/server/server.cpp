@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "foundation/fail.h"
+#include "foundation/wait.h"
 #include "server/server_record.h"
 #include "tvx/atlink.h"
 #include "tvx/config.h"
@@ -103,7 +104,7 @@ bool start(HANDLE server, Record &r, char (*files)[kNameRoom]) {
                          r.transputer.procinit_file, r.transputer.camera_file};
   for (int i = 0; i < 4; ++i) compose(r, names[i], files[i]);
   if (!atlink_boot(r.link, files[0], files[1])) return false;
-  delay_centiseconds(kAfterBoot);
+  tvx::settle_for(kAfterBoot);
   r.packets = csp_new(r.link, -1, atlink_read_INT16, atlink_read_INT16_array, atlink_write_INT16,
                       atlink_write_INT16_array);
   if (r.packets == nullptr || !csp_set_verbose(r.packets, FALSE) ||
@@ -113,14 +114,14 @@ bool start(HANDLE server, Record &r, char (*files)[kNameRoom]) {
   if (r.controller == nullptr || !server_responding1(server, "Booting")) return false;
   if (!r.transputer.boot_from_rom) {
     if (!cs71_install(r.controller, files[2], files[3])) return false;
-    delay_centiseconds(kAfterInstall);
+    tvx::settle_for(kAfterInstall);
     if (!server_responding1(server, "Install")) return false;
   }
   // The controller's end first; the card follows once the controller has switched.
   if (!csp_set_verbose(r.packets, FALSE) ||
       !cs71_set_linkspeed(r.controller, r.transputer.linkspeed))
     return false;
-  delay_centiseconds(kAfterLinkSpeed);
+  tvx::settle_for(kAfterLinkSpeed);
   return atlink_linkspeed(r.link, static_cast<INT16>(r.transputer.linkspeed)) &&
          server_responding1(server, "Linkspeed") && server_responding(server);
 }

@@ -352,8 +352,8 @@ BOOL server_wait_ccd_temperature(HANDLE server) {
       return tvx::fail(ERR_TIMEOUT, 0, kOp, {0x201a},
                        "ccd temperature did not settle within %lu minutes.",
                        static_cast<unsigned long>(kLongestWait / kSecond / 60));
-    delay_centiseconds(kSecond);
-    if (!server_get_ccd_temperature(server, &t, &other)) return refused(kOp);
+    if (!delay_centiseconds(kSecond) || !server_get_ccd_temperature(server, &t, &other))
+      return refused(kOp);
     last_temperature = t;
     drift += t - previous;
     previous = t;

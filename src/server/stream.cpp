@@ -45,6 +45,16 @@ tvx::link::Constants constants_of(const Record &r) {
           static_cast<INT16>(r.converter.const3)};
 }
 
+bool stop_controller(const Record &r) {
+  // The link is drained even when the stop could not be sent: what is in it goes either way.
+  const bool stopped = cs71_stop(r.controller) != FALSE;
+  return tvx::link::drain(r.link) && stopped;
+}
+
+Acquisition::~Acquisition() {
+  if (!finished_ && tvx::Interruptible::depth() == 1) stop_controller(r_);
+}
+
 }  // namespace tvx::server
 
 namespace {
@@ -77,6 +87,7 @@ BOOL server_execute_readout(HANDLE server, HANDLE region, HANDLE image) {
   if (image == nullptr) return missing(kOp, "image handle is NULL.");
   INT32 x, y, w, h;
   if (!region_rect(region, &x, &y, &w, &h, nullptr, kOp)) return FALSE;
+  Acquisition run(*r);
   if (!cs71_set_region(r->controller, 0, x, y, w, h) ||
       !image_check_size(image, w, h, readout_depth(r->converter.mode)) ||
       !cs71_set_ccd_read(r->controller, 1, 0) || !cs71_start_ccd_read(r->controller) ||
@@ -84,6 +95,7 @@ BOOL server_execute_readout(HANDLE server, HANDLE region, HANDLE image) {
     return qualify(kOp);
   if (!cs71_wait_complete(r->controller, 0, 0))
     return qualify(kOp, "readout did not complete correctly");
+  run.finished();
   return TRUE;
 }
 
@@ -92,6 +104,7 @@ BOOL server_grab(HANDLE server, INT32 pixel_count, HANDLE image) {
   Locked r(server, kOp);
   if (!r) return refused(kOp);
   if (image == nullptr) return missing(kOp, "image handle is NULL.");
+  Acquisition run(*r);
   INT32 mode = 0, width = 0, height = 0, depth = 0;
   if (!atlink_wait_for_input(r->link) || !data_mode_of(*r, &mode) ||
       !image_size(image, &width, &height, &depth))
@@ -100,7 +113,9 @@ BOOL server_grab(HANDLE server, INT32 pixel_count, HANDLE image) {
     return tvx::fail(ERR_INCONSISTENT, 0, kOp, {},
                      "image size not equal to pixel count (%ld != %ld)", long{width * height},
                      long{pixel_count});
-  return tvx::link::read_image(r->link, image, mode, constants_of(*r), kOp) ? TRUE : qualify(kOp);
+  if (!tvx::link::read_image(r->link, image, mode, constants_of(*r), kOp)) return qualify(kOp);
+  run.finished();
+  return TRUE;
 }
 
 BOOL server_collect_WORD16(HANDLE server) {

@@ -1,9 +1,12 @@
 // The adapter against a scripted card and the simulated one: set-up checks, control-register
 // patterns, waits that give up, status texts and checks, and the transfers' byte order.
+#include <sys/resource.h>
+
 #include <cstdio>
 #include <regex>
 #include <tuple>
 
+#include "foundation/wait.h"
 #include "link/link_support.h"
 #include "sim/slot.h"
 
@@ -159,6 +162,37 @@ TEST_F(Adapter, WaitsGiveUpAfterTheTimeoutWithFiveCauses) {
   EXPECT_FALSE(atlink_read_INT16_array(link_, &value, 1));
   // The array reads in the single value's name.
   EXPECT_HAS(last_text(), "atlink_read_INT16-> .\natlink_read_BYTE_array");
+}
+
+// A silent device: the wait for it sleeps once it has waited a while, and gives up on an abort
+// only where the controller can be stopped afterwards.
+TEST_F(Adapter, AWaitForASilentDeviceSleepsAndMeetsAnAbortOnlyWhenInterruptible) {
+  ScriptedCard card(kBase);
+  ASSERT_NE(open("atlink", 20), nullptr);
+  tvx_test_clock_real();
+  rusage before{}, after{};
+  getrusage(RUSAGE_THREAD, &before);
+  EXPECT_FALSE(atlink_wait_for_input(link_));
+  getrusage(RUSAGE_THREAD, &after);
+  EXPECT_GE(after.ru_nvcsw - before.ru_nvcsw, 10) << "a spinning poll never gives way";
+  EXPECT_EQ((*stack())->category, ERR_TIMEOUT);
+  err_reset_all(stack());
+
+  tvx_test_clock_virtual(1000);
+  tvx_abort_request();
+  EXPECT_FALSE(atlink_wait_for_input(link_));
+  EXPECT_EQ((*stack())->category, ERR_TIMEOUT) << "a reply is waited for to the end";
+  EXPECT_TRUE(tvx_abort_pending());
+  err_reset_all(stack());
+  {
+    tvx::Interruptible inside;
+    const DWORD start = time_centiseconds();
+    EXPECT_FALSE(atlink_wait_for_input(link_));
+    EXPECT_LE(time_centiseconds() - start, 1u);
+  }
+  EXPECT_EQ((*stack())->category, ERR_INTERRUPT);
+  EXPECT_HAS(last_text(), "atlink_wait_for_input-> aborted at the application's request.");
+  EXPECT_FALSE(tvx_abort_pending());
 }
 
 TEST_F(Adapter, IntegersCrossTheLinkLowByteFirst) {
