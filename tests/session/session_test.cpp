@@ -117,7 +117,7 @@ TEST_F(SimulatedSession, ACancelledSessionGivesUpBetweenStagesAndWaits) {
     session_->take(shot, 1, counted);
     FAIL() << "a picture taken after the request to stop";
   } catch (const Aborted &a) {
-    EXPECT_EQ(a.during, "flushing");
+    EXPECT_EQ(a.during, "before flushing");
   }
   EXPECT_EQ(stages, 0) << "no stage begun";
   EXPECT_THROW(session_->cool_down(CoolingWait{}, nullptr), Aborted);

@@ -294,7 +294,7 @@ void Session::stop_if_cancelled(const char *during) {
 double Session::ccd_celsius(double *second) {
   double first = 0, other = 0;
   call(camera_get_ccd_temperature(camera_, &first, &other), "reading the CCD temperature",
-       "reading the temperature");
+       "while reading the temperature");
   if (second != nullptr) *second = other;
   return first;
 }
@@ -333,7 +333,7 @@ CoolingReading Session::cool_down(const CoolingWait &w,
   CoolingWatch watch(*set_point, w.tolerance_k, w.settle_s);
   const DWORD start = time_centiseconds();
   for (;;) {
-    stop_if_cancelled("cooling");
+    stop_if_cancelled("while cooling");
     const double seconds = static_cast<double>(time_centiseconds() - start) / 100.0;
     watch.add(seconds, ccd_celsius());
     const CoolingReading r{seconds, watch.last(), watch.per_minute(), *set_point};
@@ -353,7 +353,7 @@ CoolingReading Session::cool_down(const CoolingWait &w,
 
 void Session::wait_ms(long ms) {
   // The library's delay counts centiseconds; the rest of a centisecond is not worth a wait.
-  call(delay_centiseconds(static_cast<DWORD>((ms + 5) / 10)), "waiting", "waiting");
+  call(delay_centiseconds(static_cast<DWORD>((ms + 5) / 10)), "waiting", "while waiting");
 }
 
 std::vector<Plane> Session::planes_of(const Shot &a, HANDLE images) {
@@ -429,9 +429,10 @@ Picture Session::take(const Shot &a, long preflush, const Stages &stages) {
   Picture picture;
   Exposure &e = picture.exposure;
   if (preflush > 0) {
-    stop_if_cancelled("flushing");
+    stop_if_cancelled("before flushing");
     stages.start_open("flushing");
-    call(camera_flush_ccd(camera_, static_cast<INT32>(preflush)), "flushing the chip", "flushing");
+    call(camera_flush_ccd(camera_, static_cast<INT32>(preflush)), "flushing the chip",
+         "while flushing");
     stages.end();
   }
   e.seconds = static_cast<double>(a.exposure_ms) / 1000.0;
@@ -443,7 +444,7 @@ Picture Session::take(const Shot &a, long preflush, const Stages &stages) {
   e.observation = a.observation;
   if (cooling_) e.set_point = cooler_set_point();
   describe(&e);
-  stop_if_cancelled("exposing");
+  stop_if_cancelled("before the exposure");
   e.ccd_celsius = ccd_celsius();
   // The end is dated by the library's clock, which a virtual clock moves through the exposure.
   timespec started{};
@@ -453,17 +454,18 @@ Picture Session::take(const Shot &a, long preflush, const Stages &stages) {
   if (e.dark) {
     // The shutter is closed and never opened: the chip gathers only its dark current while we
     // wait.
-    call(camera_close_shutter(camera_), "closing the shutter", "closing the shutter");
+    call(camera_close_shutter(camera_), "closing the shutter", "while closing the shutter");
     stages.start_timed("dark", e.seconds);
     wait_ms(a.exposure_ms);
   } else if (a.exposure_ms > 0) {
     stages.start_timed("exposing", e.seconds);
-    call(camera_expose_ccd(camera_, static_cast<INT32>(a.exposure_ms)), "exposing", "exposing");
+    call(camera_expose_ccd(camera_, static_cast<INT32>(a.exposure_ms)), "exposing",
+         "while exposing");
   }
   stages.end();
   e.date_end = utc_text(started, time_centiseconds() - started_cs);
   e.ccd_celsius_end = ccd_celsius();
-  stop_if_cancelled("reading out");
+  stop_if_cancelled("before the readout");
 
   // In real time the simulated readout takes the pixel time of every pixel read.
   double readout_s = 0;
@@ -488,7 +490,7 @@ Picture Session::take(const Shot &a, long preflush, const Stages &stages) {
   INT32 before[CAMERA_OPERATION_COUNTERS] = {}, after[CAMERA_OPERATION_COUNTERS] = {};
   check(camera_get_operation_stats(camera_, before), "reading the camera's counters");
   call(camera_readout_ccd(camera_, regions.list, picture.list()), "reading out the chip",
-       "reading out");
+       "while reading out");
   stages.end();
   INT32 zero = 0;
   check(camera_get_operation_stats(camera_, after) && camera_get_image_zero(camera_, &zero),

@@ -33,7 +33,7 @@ struct LibraryError {
 // The program asked the session to stop (see `Session::set_cancel`): the picture or the wait in
 // progress was given up, and the camera is ready for the next.
 struct Aborted {
-  std::string during;  // "exposing", "reading out", "cooling", ...
+  std::string during;  // where: "while exposing", "before the readout", "while cooling", ...
 };
 
 // Which camera to bring up, and for the simulated one what it looks at.

@@ -71,9 +71,9 @@ int stopped(const Command &c, const Report &report, const std::string &during) {
   const char *signal = signal_name(interrupted());
   if (c.globals.json) {
     print_json_end(c, report,
-                   [&](Json &j) { j.field("interrupted", signal).field("during", during); });
+                   [&](Json &j) { j.field("interrupted", signal).field("where", during); });
   } else {
-    std::fprintf(stderr, "tvxcam: stopped by %s%s%s\n", signal, during.empty() ? "" : " while ",
+    std::fprintf(stderr, "tvxcam: stopped by %s%s%s\n", signal, during.empty() ? "" : " ",
                  during.c_str());
     print_kept(report);
     if (report.written.empty()) std::fprintf(stderr, "tvxcam: nothing was written\n");
