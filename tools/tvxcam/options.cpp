@@ -167,9 +167,8 @@ void check_together(CLI::App &app, Command &c) {
   if (c.name != "snap" && c.name != "series" && c.name != "convert") return;
   CLI::App *sub = app.get_subcommand(c.name);
   if (c.name != "convert") {
-    a.exposure_given = sub->count("--exposure") > 0;
     if (a.type == "bias") {
-      if (a.exposure_given && a.exposure_ms > 0)
+      if (sub->count("--exposure") > 0 && a.exposure_ms > 0)
         throw CLI::ValidationError("--type", "a bias frame has no exposure: leave -e out");
       a.exposure_ms = 0;
     }

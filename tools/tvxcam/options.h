@@ -42,7 +42,6 @@ struct Acquisition : session::Shot {
   Stretch stretch = Stretch::asinh;
   double low_percent = 0.5, high_percent = 99.9;
   bool cool = false;  // cool to the set point and wait before the first exposure
-  bool exposure_given = false;
 };
 
 struct SeriesOptions {
