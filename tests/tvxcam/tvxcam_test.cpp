@@ -16,64 +16,6 @@ namespace {
 
 using namespace tvxcam_test;
 
-const fs::path kShipped = fs::path(TVX_SOURCE_DIR) / "data" / "sim";
-
-class Tvxcam : public ::testing::Test {
- protected:
-  void SetUp() override {
-    const auto *info = ::testing::UnitTest::GetInstance()->current_test_info();
-    dir_ = fs::temp_directory_path() /
-           ("tvxcam-test-" + std::string(info->name()) + "-" + std::to_string(getpid()));
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  Outcome cam(const std::vector<std::string> &args) { return run_in(dir_, TVXCAM, args); }
-  // On the virtual clock: exposures and waits take no real time.
-  Outcome sim(std::vector<std::string> args) {
-    args.insert(args.begin(), "--virtual-clock");
-    return cam(args);
-  }
-  // A copy of the simulated camera's files, to spoil or change.
-  fs::path copy_of_shipped(const std::string &name) {
-    const fs::path to = dir_ / name;
-    fs::copy(kShipped, to, fs::copy_options::recursive);
-    return to;
-  }
-  void verified(const std::string &file) {
-    Outcome run;
-    EXPECT_EQ(fitsverify(dir_, file, &run), std::make_pair(0, 0)) << run.out;
-  }
-
-  fs::path dir_;
-};
-
-void replace_in(const fs::path &file, const std::string &from, const std::string &to) {
-  std::string text = slurp(file);
-  const size_t at = text.find(from);
-  ASSERT_NE(at, std::string::npos) << from;
-  text.replace(at, from.size(), to);
-  std::ofstream(file, std::ios::binary) << text;
-}
-
-// "2026-11-21T18:04:29.565" as seconds since the epoch, UTC.
-double utc_seconds(const std::string &text) {
-  std::tm t{};
-  int ms = 0;
-  if (std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%3d", &t.tm_year, &t.tm_mon, &t.tm_mday,
-                  &t.tm_hour, &t.tm_min, &t.tm_sec, &ms) != 7)
-    return -1;
-  t.tm_year -= 1900;
-  t.tm_mon -= 1;
-  return double(timegm(&t)) + ms / 1000.0;
-}
-
-// The coordinate scene: an unbinned pixel holds its column plus 256 times its row.
-long long coordinate(long x, long y) {
-  return (x + 256 * y) & 0xFFFF;
-}
-
 // ---- snap ---------------------------------------------------------------------------------
 
 TEST_F(Tvxcam, SnapWithNoOptionsLeavesAFitsFileAndAPreview) {
@@ -113,6 +55,10 @@ TEST_F(Tvxcam, SnapWithNoOptionsLeavesAFitsFileAndAPreview) {
   const double start_utc = utc_seconds(h.text("DATE-OBS"));
   EXPECT_GE(start_utc, before - 0.01) << h.text("DATE-OBS");
   EXPECT_LE(start_utc, utc() - 1.0) << "the start of the exposure, a second before the end";
+  EXPECT_NEAR(utc_seconds(h.text("DATE-END")) - start_utc, 1.0, 0.05) << h.text("DATE-END");
+  EXPECT_NEAR(h.number("CCD-TEND"), 20.0, 1.0);
+  EXPECT_FALSE(h.has("SET-TEMP")) << "the cooler is off";
+  EXPECT_EQ(h.text("ROWORDER"), "BOTTOM-UP");
 
   // The summary's figures are the file's.
   const auto [lo, hi] = std::minmax_element(h.pixels.begin(), h.pixels.end());
@@ -122,17 +68,21 @@ TEST_F(Tvxcam, SnapWithNoOptionsLeavesAFitsFileAndAPreview) {
   EXPECT_EQ(figure(r.out, " max "), double(*hi));
   EXPECT_NEAR(figure(r.out, " mean "), mean, 0.05);
 
-  // The preview is the same picture, its levels in the same order, black to white.
+  // The preview is the same picture, its levels in the same order, black to white, and drawn
+  // as a FITS viewer draws the file: its top row is the file's last.
   const Grey png = read_png(dir_ / "snap.png");
   ASSERT_EQ(std::make_pair(png.width, png.height), std::make_pair(80u, 64u));
+  const auto grey = [&](size_t fits_index) {
+    return png.at(unsigned(fits_index % 80), unsigned(63 - fits_index / 80));
+  };
   std::vector<size_t> order(h.pixels.size());
   std::iota(order.begin(), order.end(), 0);
   std::sort(order.begin(), order.end(),
             [&](size_t a, size_t b) { return h.pixels[a] < h.pixels[b]; });
   for (size_t i = 1; i < order.size(); ++i)
-    ASSERT_LE(png.pixels[order[i - 1]], png.pixels[order[i]]) << "at rank " << i;
-  EXPECT_EQ(png.pixels[order.front()], 0);
-  EXPECT_EQ(png.pixels[order.back()], 255);
+    ASSERT_LE(grey(order[i - 1]), grey(order[i])) << "at rank " << i;
+  EXPECT_EQ(grey(order.front()), 0);
+  EXPECT_EQ(grey(order.back()), 255);
 }
 
 TEST_F(Tvxcam, RegionsReadBackPixelExactInEveryFormat) {
@@ -174,7 +124,10 @@ TEST_F(Tvxcam, RegionsReadBackPixelExactInEveryFormat) {
     EXPECT_EQ(wrong, 0);
     image_delete(image);
     const Grey png = read_png(dir_ / ("r_r" + std::to_string(n + 1) + ".png"));
-    EXPECT_EQ(std::make_pair(png.width, png.height), std::make_pair(unsigned(g.w), unsigned(g.h)));
+    ASSERT_EQ(std::make_pair(png.width, png.height), std::make_pair(unsigned(g.w), unsigned(g.h)));
+    // The scene brightens with the row: the first row read out is the darkest, at the bottom.
+    EXPECT_EQ(png.at(0, unsigned(g.h - 1)), 0);
+    EXPECT_EQ(png.at(unsigned(g.w - 1), 0), 255);
   }
 }
 
@@ -186,6 +139,7 @@ TEST_F(Tvxcam, BinningOperationModesAndTwoChannelPixels) {
     ASSERT_EQ(r.status, 0) << r.err;
     const Hdu h = read_fits(dir_ / "b.fits").at(0);
     EXPECT_EQ(std::make_pair(h.number("XBINNING"), h.number("YBINNING")), std::make_pair(2.0, 2.0));
+    EXPECT_FALSE(h.has("IMGZERO")) << "raw: nothing measured";
     ASSERT_EQ(std::make_pair(h.width, h.height), std::make_pair(40L, 32L));
     int wrong = 0;
     for (long y = 0; y < 32; ++y)
@@ -209,6 +163,7 @@ TEST_F(Tvxcam, BinningOperationModesAndTwoChannelPixels) {
     EXPECT_EQ(h.equivalent, SHORT_IMG);
     EXPECT_FALSE(h.has("BZERO")) << "signed pixels are stored as they are";
     ASSERT_EQ(std::make_pair(h.width, h.height), std::make_pair(64L, 64L)) << "the active area";
+    EXPECT_EQ(h.number("IMGZERO"), double(zero));
     EXPECT_EQ(h.at(3, 0), 3 - zero);
     EXPECT_EQ(h.at(40, 50), coordinate(40, 50) - zero);
   }
@@ -221,22 +176,34 @@ TEST_F(Tvxcam, BinningOperationModesAndTwoChannelPixels) {
     EXPECT_EQ(h.at(40, 50), coordinate(40, 50) - (zero - 256));
   }
   {
-    // Two channels, joined in 32-bit pixels: the first channel high, its complement low. The
+    // Two channels: the converter's first channel is the scene, its second the complement. The
     // hardware file has another name, which the server cannot take as it stands.
     SCOPED_TRACE("two channels");
     const fs::path hw = copy_of_shipped("two");
     replace_in(hw / "7100hw.def", "    mode = 1\n", "    mode = 17\n");
     fs::rename(hw / "7100hw.def", hw / "two_channel.def");
-    const Outcome r = sim({"--hw", "two/two_channel.def", "--ccd", "two/sim_small.def", "--scene",
-                           "coordinates", "snap", "-e", "0", "-o", "w.fits"});
+    const Outcome r =
+        sim({"--hw", "two/two_channel.def", "--ccd", "two/sim_small.def", "--scene", "coordinates",
+             "snap", "-e", "0", "-m", "iz", "-o", "w.fits", "-o", "w.img"});
     ASSERT_EQ(r.status, 0) << r.err;
     verified("w.fits");
+    // A cube of one 16-bit plane a channel, each named, with the image zero measured.
     const Hdu h = read_fits(dir_ / "w.fits").at(0);
-    EXPECT_EQ(h.bitpix, 32);
-    EXPECT_EQ(h.equivalent, ULONG_IMG);
-    EXPECT_EQ(h.number("BZERO"), 2147483648.0);
-    const long long v = coordinate(70, 60);
-    EXPECT_EQ(h.at(70, 60), v << 16 | (~v & 0xFFFF));
+    EXPECT_EQ(h.naxis, 3);
+    EXPECT_EQ(h.equivalent, USHORT_IMG);
+    ASSERT_EQ(std::make_tuple(h.width, h.height, h.planes), std::make_tuple(80L, 64L, 2L));
+    EXPECT_EQ(h.number("CHANNELS"), 2);
+    EXPECT_EQ(h.text("PLANE1"), "channel 1");
+    EXPECT_EQ(h.text("PLANE2"), "channel 2");
+    EXPECT_EQ(h.number("IMGZERO"), double(zero));
+    int wrong = 0;
+    for (long y = 0; y < 64; ++y)
+      for (long x = 0; x < 80; ++x)
+        wrong += h.at(x, y, 0) != coordinate(x, y) || h.at(x, y, 1) != (~coordinate(x, y) & 0xFFFF);
+    EXPECT_EQ(wrong, 0);
+    // Read back, the cube is the camera's packed pixels again.
+    ASSERT_EQ(cam({"convert", "w.fits", "back.img"}).status, 0);
+    EXPECT_EQ(slurp(dir_ / "back.img"), slurp(dir_ / "w.img"));
   }
 }
 
@@ -321,15 +288,21 @@ TEST_F(Tvxcam, StatusComparesEveryVoltageWithTheDefinitionFile) {
   EXPECT_TRUE(std::regex_search(j, std::regex(R"("name":"vtherm"[^}]*"in_tolerance":false)")));
 }
 
-TEST_F(Tvxcam, CoolWaitsForAStableTemperatureWithinItsBound) {
+TEST_F(Tvxcam, TheCoolerGoesToItsOwnSetPointAndAPictureCanBeTakenThere) {
   const Outcome set = sim({"cool"});
   ASSERT_EQ(set.status, 0) << set.err;
-  EXPECT_NE(set.out.find("cooler set for -100.0 C"), std::string::npos) << set.out;
+  EXPECT_NE(set.out.find("cools the CCD to its own set point, -100.0 C"), std::string::npos)
+      << set.out;
+  // The cooler command carries no temperature: another target is refused, not promised.
+  const Outcome other = sim({"cool", "-t", "-20", "--wait"});
+  EXPECT_EQ(other.status, 1);
+  EXPECT_NE(other.err.find("-t -20.0 cannot be honoured"), std::string::npos) << other.err;
+  EXPECT_EQ(other.out, "");
+  EXPECT_EQ(sim({"cool", "-t", "-100"}).status, 0) << "the set point itself is fine";
 
-  const Outcome wait = sim({"cool", "--wait"});
+  const Outcome wait = sim({"cool", "--wait", "--tolerance", "0.2"});
   ASSERT_EQ(wait.status, 0) << wait.err;
-  const double settled = figure(wait.out, "settled at ");
-  EXPECT_NEAR(settled, -100, 1.0) << wait.out;
+  EXPECT_NEAR(figure(wait.out, "holds at the set point: "), -100, 0.2) << wait.out;
   // The temperature on the way down, every ten seconds, only ever falling.
   std::vector<double> seen;
   std::istringstream lines(wait.out);
@@ -341,7 +314,18 @@ TEST_F(Tvxcam, CoolWaitsForAStableTemperatureWithinItsBound) {
 
   const Outcome late = sim({"cool", "--wait", "--timeout", "30"});
   EXPECT_EQ(late.status, 1);
-  EXPECT_NE(late.err.find("did not settle within 30 s"), std::string::npos) << late.err;
+  EXPECT_NE(late.err.find("did not reach the cooler's set point, -100.0 C, within 30 s"),
+            std::string::npos)
+      << late.err;
+
+  // Cooled and exposed in one run: the header has the cooled chip and the set point.
+  const Outcome snap = sim({"snap", "--cool", "-e", "500", "-o", "cold.fits"});
+  ASSERT_EQ(snap.status, 0) << snap.err;
+  EXPECT_NE(snap.out.find("cooled       CCD -99."), std::string::npos) << snap.out;
+  const Hdu h = read_fits(dir_ / "cold.fits").at(0);
+  EXPECT_NEAR(h.number("CCD-TEMP"), -100, 0.5);
+  EXPECT_NEAR(h.number("CCD-TEND"), -100, 0.5);
+  EXPECT_EQ(h.number("SET-TEMP"), -100.0);
 }
 
 // ---- info and convert -----------------------------------------------------------------------
@@ -386,6 +370,34 @@ TEST_F(Tvxcam, InfoAndConvertTellFormatAndByteOrder) {
   ASSERT_EQ(cam({"convert", "--stretch", "percentile", "c.img", "c.png"}).status, 0);
   EXPECT_EQ(read_png(dir_ / "c.png").width, 80u);
 
+  // A FITS file keeps every region and the keywords tvx knows when it is converted.
+  ASSERT_EQ(sim({"snap", "-e", "250", "-r", "0,0,16,8", "-r", "20,20,8,8", "--object", "M 31", "-o",
+                 "two.fits"})
+                .status,
+            0);
+  const Outcome copied = cam({"convert", "two.fits", "copy.fits"});
+  ASSERT_EQ(copied.status, 0) << copied.err;
+  verified("copy.fits");
+  const std::vector<Hdu> original = read_fits(dir_ / "two.fits"),
+                         copy = read_fits(dir_ / "copy.fits");
+  ASSERT_EQ(copy.size(), 3u);
+  EXPECT_EQ(original[1].text("EXPTIME"), "0.250");
+  for (size_t i = 0; i < 3; ++i) {
+    SCOPED_TRACE("HDU " + std::to_string(i + 1));
+    for (const char *key : {"EXPTIME", "DATE-OBS", "DATE-END", "IMAGETYP", "OBJECT", "EXTNAME",
+                            "XORGSUBF", "YORGSUBF", "GAIN", "CCD-TEMP", "DETECTOR", "ROWORDER"})
+      if (original[i].has(key)) {
+        EXPECT_EQ(copy[i].keys.at(key), original[i].keys.at(key)) << key;
+      }
+    EXPECT_EQ(copy[i].pixels, original[i].pixels);
+  }
+  const Outcome info_two = cam({"info", "two.fits"});
+  EXPECT_NE(info_two.out.find("region 2     8 x 8, 16-bit unsigned"), std::string::npos)
+      << info_two.out;
+  ASSERT_EQ(cam({"convert", "two.fits", "two.png"}).status, 0);
+  EXPECT_EQ(read_png(dir_ / "two_r1.png").width, 16u);
+  EXPECT_EQ(read_png(dir_ / "two_r2.png").width, 8u);
+
   std::ofstream(dir_ / "notes.txt") << "not an image\n";
   const Outcome refused = cam({"info", "notes.txt"});
   EXPECT_EQ(refused.status, 1);
@@ -406,6 +418,19 @@ TEST_F(Tvxcam, FailuresTellTheStoryAndExitNonZero) {
         << r.err;
     EXPECT_NE(r.err.find("unheard_of"), std::string::npos) << "the story names the bad row";
     EXPECT_NE(r.err.find("Possible cause"), std::string::npos) << "and the advice";
+    EXPECT_TRUE(std::regex_search(
+        r.err, std::regex(R"(section 'DEVICE' \(/.*/broken/7100hw\.def, line 105\))")))
+        << "and the file and line of the section";
+  }
+  {
+    SCOPED_TRACE("a bad word in the CCD file, read after the hardware file as one text");
+    const fs::path ccd = copy_of_shipped("bad");
+    replace_in(ccd / "sim_small.def", "    ysize = 64\n", "    12ab\n    ysize = 64\n");
+    const Outcome r = sim({"--ccd", "bad/sim_small.def", "status"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(std::regex_search(
+        r.err, std::regex(R"(unrecognized input at line \d+ \(bad/sim_small\.def, line 30\))")))
+        << r.err;
   }
   {
     SCOPED_TRACE("a region off the chip, refused before the exposure");
@@ -426,17 +451,31 @@ TEST_F(Tvxcam, FailuresTellTheStoryAndExitNonZero) {
                                                {"snap", "--black", "60", "--white", "40"},
                                                {"series", "-n", "0"},
                                                {"info"},
-                                               {}}) {
+                                               {},
+                                               {"snap", "-o", "pic.jpg"},
+                                               {"snap", "-o", "x.fits.gz"},
+                                               {"snap", "-o", "noext"},
+                                               {"snap", "-o", "-"},
+                                               {"snap", "--format", "png", "-o", "x.fits"},
+                                               {"snap", "--type", "bias", "-e", "100"},
+                                               {"snap", "--header", "NAXIS=3"},
+                                               {"snap", "--header", "AIRMASS=nan"},
+                                               {"snap", "--black", "nan"},
+                                               {"snap", "--white", "inf"},
+                                               {"cool", "-t", "nan"},
+                                               {"cool", "--timeout", "nan"},
+                                               {"convert", "a.img", "b.tiff"}}) {
     const Outcome r = cam(args);
     const std::string said = args.empty() ? "(nothing)" : args.back();
     EXPECT_EQ(r.status, 2) << said;
     EXPECT_NE(r.err.find("Usage: tvxcam"), std::string::npos) << said << "\n" << r.err;
     EXPECT_EQ(r.out, "");
   }
-  const Outcome unwritable = sim({"snap", "-o", "nowhere/x.fits"});
-  EXPECT_EQ(unwritable.status, 1);
-  EXPECT_NE(unwritable.err.find("cannot write FITS file 'nowhere/x.fits'"), std::string::npos)
-      << unwritable.err;
+  const Outcome version = cam({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_TRUE(std::regex_match(version.out,
+                               std::regex(R"(tvxcam \d+(\.\d+)+ \(library tvx \d+(\.\d+)+\)\n)")))
+      << version.out;
   const Outcome missing = cam({"--ccd", "nowhere.def", "status"});
   EXPECT_EQ(missing.status, 1);
   EXPECT_NE(missing.err.find("'nowhere.def': no such file"), std::string::npos) << missing.err;

@@ -19,6 +19,22 @@ constexpr double kKelvinAtZeroCelsius = 273.15;
 // definition names no chip temperature.
 std::optional<double> cooler_set_point(const Definitions &definitions);
 
+// How a program waits for the chip to reach the set point (Session::cool_down).
+struct CoolingWait {
+  double tolerance_k = 0.5;  // how near the set point every reading must lie
+  double settle_s = 30;      // for how long, to count as stable there
+  double timeout_s = 600;    // the longest wait
+  double poll_s = 1;         // time between readings
+};
+
+// One reading of a cooling wait.
+struct CoolingReading {
+  double seconds = 0;     // since the wait began
+  double celsius = 0;     // the CCD
+  double per_minute = 0;  // kelvin a minute over the readings the watch keeps
+  double set_point = 0;   // degrees Celsius
+};
+
 // Judges a run of temperature readings against the set point: the chip has reached it when every
 // reading of the last `settle` seconds lies within `tolerance` kelvin of it.
 class CoolingWatch {

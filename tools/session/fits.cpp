@@ -1,16 +1,17 @@
 // FITS files: each image's rasters go out as they lie in the image's blocks, one row at a time,
-// with FITS row 1 holding raster 0, and come back the same way.
+// with FITS row 1 holding raster 0, and come back the same way. A file is made whole in memory,
+// so that writing it to the disk is one step that either succeeds or says why not.
 #include "fits.h"
 
 #include <fitsio.h>
-#include <unistd.h>
 
-#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 
 #include "header.h"
 #include "pixels.h"
+#include "writing.h"
 
 namespace session {
 
@@ -34,28 +35,44 @@ struct FitsFile {
   }
 };
 
+// The memory a file is made in, grown by cfitsio through realloc.
+struct Memory {
+  void *data = nullptr;
+  size_t size = 0;
+  ~Memory() { std::free(data); }
+};
+
 // The image type by pixel size and sign: unsigned types are stored as signed with BZERO, which
-// cfitsio writes for USHORT_IMG and ULONG_IMG. 3-byte pixels widen to 32 bits.
-int bitpix_of(const Shape &s) {
+// cfitsio writes for USHORT_IMG and ULONG_IMG. 3-byte pixels widen to 32 bits; two channels are
+// 16 bits each.
+int bitpix_of(const Shape &s, int channels) {
   if (s.bytes == 1) return s.is_signed ? SBYTE_IMG : BYTE_IMG;
-  if (s.bytes == 2) return s.is_signed ? SHORT_IMG : USHORT_IMG;
+  if (s.bytes == 2 || channels == 2) return s.is_signed ? SHORT_IMG : USHORT_IMG;
   return s.is_signed ? LONG_IMG : ULONG_IMG;
 }
 
-void write_pixels(fitsfile *f, HANDLE image, const Shape &s, const std::string &path) {
+void write_pixels(fitsfile *f, const Plane &p, const Shape &s) {
   int status = 0;
   std::vector<long long> row(size_t(s.width));
   std::vector<double> values(size_t(s.width));
-  for_each_row(image, [&](int r, const BYTE *raster) {
-    if (status != 0) return;
-    decode_row(s, raster, values.data());
-    for (int i = 0; i < s.width; ++i) row[size_t(i)] = static_cast<long long>(values[size_t(i)]);
-    fits_write_img(f, TLONGLONG, LONGLONG(r) * s.width + 1, s.width, row.data(), &status);
-  });
-  fits_check(status, path, "pixels");
+  // Plane k of a two-channel cube holds channel k + 1: the upper word first.
+  for (int k = 0; k < p.channels; ++k) {
+    const int shift = p.channels == 2 ? 16 * (1 - k) : 0;
+    for_each_row(p.image, [&](int r, const BYTE *raster) {
+      if (status != 0) return;
+      decode_row(s, raster, values.data());
+      for (int i = 0; i < s.width; ++i) {
+        const auto v = static_cast<long long>(values[size_t(i)]);
+        row[size_t(i)] = p.channels == 2 ? (v >> shift) & 0xFFFF : v;
+      }
+      fits_write_img(f, TLONGLONG, (LONGLONG(k) * s.height + r) * s.width + 1, s.width, row.data(),
+                     &status);
+    });
+  }
+  fits_check(status, "(memory)", "pixels");
 }
 
-void write_cards(fitsfile *f, const std::vector<Card> &cards, const std::string &path) {
+void write_cards(fitsfile *f, const std::vector<Card> &cards) {
   int status = 0;
   for (const Card &c : cards) {
     char *comment = const_cast<char *>(c.comment.c_str());
@@ -65,48 +82,164 @@ void write_cards(fitsfile *f, const std::vector<Card> &cards, const std::string 
     } else if (const auto *number = std::get_if<long>(&c.value)) {
       long value = *number;
       fits_update_key(f, TLONG, key, &value, comment, &status);
-    } else {
+    } else if (c.decimals >= 0) {
       fits_update_key_fixdbl(f, key, std::get<double>(c.value), c.decimals, comment, &status);
+    } else {
+      fits_update_key_dbl(f, key, std::get<double>(c.value), c.decimals, comment, &status);
     }
   }
-  fits_check(status, path, "keywords");
+  fits_check(status, "(memory)", "keywords");
+}
+
+// The keywords of the current HDU that the header knows.
+std::vector<Card> known_cards(fitsfile *f, const std::string &path) {
+  std::vector<Card> cards;
+  for (const Keyword &k : keywords()) {
+    int status = 0;
+    char *key = const_cast<char *>(k.key);
+    char text[FLEN_VALUE] = {};
+    long whole = 0;
+    double real = 0;
+    Card c{k.key, std::string(), k.comment, k.decimals};
+    if (k.kind == Keyword::text) {
+      fits_read_key(f, TSTRING, key, text, nullptr, &status);
+      c.value = std::string(text);
+    } else if (k.kind == Keyword::whole) {
+      fits_read_key(f, TLONG, key, &whole, nullptr, &status);
+      c.value = whole;
+    } else {
+      fits_read_key(f, TDOUBLE, key, &real, nullptr, &status);
+      c.value = real;
+    }
+    if (status == KEY_NO_EXIST) continue;
+    fits_check(status, path, k.key, "read");
+    cards.push_back(std::move(c));
+  }
+  return cards;
+}
+
+template <class T>
+const T *value_of(const std::vector<Card> &cards, const char *key) {
+  for (const Card &c : cards)
+    if (c.key == key) return std::get_if<T>(&c.value);
+  return nullptr;
+}
+
+// Each FITS pixel type and the library's image that holds it: depth, sign, cfitsio's type.
+struct Kind {
+  int bitpix, depth;
+  bool is_signed;
+  int datatype;
+};
+constexpr Kind kKinds[] = {{BYTE_IMG, 8, false, TBYTE},      {SBYTE_IMG, 8, true, TSBYTE},
+                           {USHORT_IMG, 16, false, TUSHORT}, {SHORT_IMG, 16, true, TSHORT},
+                           {ULONG_IMG, 32, false, TUINT},    {LONG_IMG, 32, true, TINT}};
+
+// The image of the current HDU, of `axes`; a cube of two 16-bit channels is packed again.
+HANDLE read_image(fitsfile *f, const long *axes, int channels, const std::string &path) {
+  int status = 0, equivalent = 0;
+  fits_get_img_equivtype(f, &equivalent, &status);
+  fits_check(status, path, "pixel type", "read");
+  const Kind *kind = nullptr;
+  for (const Kind &k : kKinds)
+    if (k.bitpix == equivalent) kind = &k;
+  if (kind == nullptr || (channels == 2 && equivalent != USHORT_IMG))
+    throw Failure{"'" + path + "' has pixels of BITPIX " + std::to_string(equivalent) +
+                  (channels == 2 ? " in its channels" : "") +
+                  ", which no image of the library holds"};
+  const long width = axes[0], height = axes[1];
+  HANDLE image = image_new(static_cast<INT32>(width), static_cast<INT32>(height),
+                           channels == 2 ? 32 : kind->depth);
+  check(image != nullptr,
+        "making a " + std::to_string(width) + " x " + std::to_string(height) + " image");
+  image_set_signed(image, kind->is_signed ? TRUE : FALSE);
+  std::vector<uint16_t> upper(static_cast<size_t>(width)), lower(static_cast<size_t>(width));
+  for (long row = 0; row < height && status == 0; ++row) {
+    void *raster = image_lockraster(image, static_cast<INT32>(row));
+    if (raster == nullptr) {
+      image_delete(image);
+      check(false, "reading '" + path + "'");
+    }
+    const LONGLONG first = LONGLONG(row) * width + 1;
+    if (channels == 2) {
+      fits_read_img(f, TUSHORT, first, width, nullptr, upper.data(), nullptr, &status);
+      fits_read_img(f, TUSHORT, first + LONGLONG(width) * height, width, nullptr, lower.data(),
+                    nullptr, &status);
+      auto *out = static_cast<uint32_t *>(raster);
+      for (long i = 0; i < width; ++i) out[i] = uint32_t(upper[size_t(i)]) << 16 | lower[size_t(i)];
+    } else {
+      fits_read_img(f, kind->datatype, first, width, nullptr, raster, nullptr, &status);
+    }
+    image_unlockraster(image, static_cast<INT32>(row));
+  }
+  if (status != 0) image_delete(image);
+  fits_check(status, path, "pixels", "read");
+  return image;
 }
 
 }  // namespace
 
-void write_fits(const std::string &path, const std::vector<Plane> &planes, const Exposure *exposure,
-                const std::string &creator) {
-  if (planes.empty()) throw Failure{"nothing to write to '" + path + "'"};
-  // A disk file with no clobber or extended-name syntax: the name is taken as it stands.
-  if (unlink(path.c_str()) != 0 && errno != ENOENT)
-    throw Failure{"cannot replace '" + path + "': " + std::strerror(errno)};
+Plane &Picture::adopt(HANDLE image) {
+  if (!list_append_tail(images_, image)) {
+    image_delete(image);
+    check(FALSE, "keeping an image");
+  }
+  planes.push_back(Plane{image, "", std::nullopt, std::nullopt, 1});
+  return planes.back();
+}
+
+std::vector<char> fits_bytes(const std::vector<Plane> &planes, const std::vector<Card> &shared,
+                             const std::vector<std::vector<Card>> &cards) {
+  if (planes.empty()) throw Failure{"no image to write"};
+  Memory memory;
+  memory.size = 2880;
+  memory.data = std::malloc(memory.size);
+  if (memory.data == nullptr) throw Failure{"no memory for a FITS file"};
   FitsFile file;
   int status = 0;
-  fits_create_diskfile(&file.f, const_cast<char *>(path.c_str()), &status);
-  fits_check(status, path, "creating");
+  fits_create_memfile(&file.f, &memory.data, &memory.size, 2880 * 64, std::realloc, &status);
+  fits_check(status, "(memory)", "creating");
   if (planes.size() > 1) {
     // An empty primary HDU says what all the regions share; each region is an extension.
     fits_create_img(file.f, BYTE_IMG, 0, nullptr, &status);
-    fits_check(status, path, "primary header");
-    std::vector<Card> shared = header_cards(Plane{}, exposure, creator);
-    shared.push_back({"NREGIONS", long(planes.size()), "regions read, one extension each"});
-    write_cards(file.f, shared, path);
+    fits_check(status, "(memory)", "primary header");
+    std::vector<Card> primary = shared;
+    primary.push_back({"NREGIONS", long(planes.size()), "regions read, one extension each"});
+    write_cards(file.f, primary);
     fits_write_chksum(file.f, &status);
-    fits_check(status, path, "primary header");
   }
-  for (const Plane &p : planes) {
+  LONGLONG end = 0;
+  for (size_t i = 0; i < planes.size(); ++i) {
+    const Plane &p = planes[i];
     const Shape s = shape_of(p.image);
-    long axes[2] = {s.width, s.height};
-    fits_create_img(file.f, bitpix_of(s), 2, axes, &status);
-    fits_check(status, path, "image header");
-    write_cards(file.f, header_cards(p, exposure, creator), path);
-    write_pixels(file.f, p.image, s, path);
+    long axes[3] = {s.width, s.height, 2};
+    fits_create_img(file.f, bitpix_of(s, p.channels), p.channels == 2 ? 3 : 2, axes, &status);
+    fits_check(status, "(memory)", "image header");
+    if (i < cards.size()) write_cards(file.f, cards[i]);
+    write_pixels(file.f, p, s);
     fits_write_chksum(file.f, &status);
-    fits_check(status, path, "checksum");
+    LONGLONG header = 0, data = 0;
+    fits_get_hduaddrll(file.f, &header, &data, &end, &status);
+    fits_check(status, "(memory)", "checksum");
   }
   fits_close_file(file.f, &status);
   file.f = nullptr;
-  fits_check(status, path, "closing");
+  fits_check(status, "(memory)", "closing");
+  const char *bytes = static_cast<const char *>(memory.data);
+  return std::vector<char>(bytes, bytes + end);
+}
+
+std::vector<char> fits_bytes(const std::vector<Plane> &planes, const Exposure *exposure,
+                             const std::string &creator) {
+  std::vector<std::vector<Card>> cards;
+  for (const Plane &p : planes) cards.push_back(header_cards(p, exposure, creator));
+  return fits_bytes(planes, header_cards(Plane{}, exposure, creator), cards);
+}
+
+void write_fits(const std::string &path, const std::vector<Plane> &planes, const Exposure *exposure,
+                const std::string &creator, bool overwrite) {
+  const std::vector<char> bytes = fits_bytes(planes, exposure, creator);
+  write_whole(path, overwrite, bytes.data(), bytes.size());
 }
 
 bool is_fits(const std::string &path) {
@@ -115,60 +248,51 @@ bool is_fits(const std::string &path) {
   return std::memcmp(start, "SIMPLE  ", 8) == 0;
 }
 
-HANDLE read_fits(const std::string &path) {
+FitsContents read_fits_file(const std::string &path) {
+  FitsContents contents;
   FitsFile file;
-  int status = 0;
+  int status = 0, count = 0;
   fits_open_diskfile(&file.f, path.c_str(), READONLY, &status);
+  fits_get_num_hdus(file.f, &count, &status);
   fits_check(status, path, "opening", "read");
-  // The first HDU that holds a picture: an empty primary is followed by the extensions.
-  int naxis = 0;
-  long axes[3] = {1, 1, 1};
-  for (;;) {
-    int bitpix = 0, type = 0;
+  for (int hdu = 1; hdu <= count; ++hdu) {
+    int type = 0, bitpix = 0, naxis = 0;
+    long axes[3] = {1, 1, 1};
+    fits_movabs_hdu(file.f, hdu, &type, &status);
+    if (type != IMAGE_HDU) continue;
     fits_get_img_param(file.f, 3, &bitpix, &naxis, axes, &status);
-    if (status == NOT_IMAGE) status = 0, naxis = 0;
     fits_check(status, path, "image header", "read");
-    if (naxis >= 2) break;
-    if (fits_movrel_hdu(file.f, 1, &type, &status) == END_OF_FILE)
-      throw Failure{"'" + path + "' holds no image"};
-    fits_check(status, path, "next extension", "read");
-  }
-  if (naxis > 3 || axes[2] != 1) throw Failure{"'" + path + "' holds a cube, not one image"};
-  int equivalent = 0;
-  fits_get_img_equivtype(file.f, &equivalent, &status);
-  fits_check(status, path, "pixel type", "read");
-  // Each FITS pixel type and the library's image that holds it: depth, sign, cfitsio's type.
-  struct Kind {
-    int bitpix, depth;
-    bool is_signed;
-    int datatype;
-  };
-  static constexpr Kind kKinds[] = {{BYTE_IMG, 8, false, TBYTE},      {SBYTE_IMG, 8, true, TSBYTE},
-                                    {USHORT_IMG, 16, false, TUSHORT}, {SHORT_IMG, 16, true, TSHORT},
-                                    {ULONG_IMG, 32, false, TUINT},    {LONG_IMG, 32, true, TINT}};
-  const Kind *kind = nullptr;
-  for (const Kind &k : kKinds)
-    if (k.bitpix == equivalent) kind = &k;
-  if (kind == nullptr)
-    throw Failure{"'" + path + "' has pixels of BITPIX " + std::to_string(equivalent) +
-                  ", which no image of the library holds"};
-  HANDLE image = image_new(static_cast<INT32>(axes[0]), static_cast<INT32>(axes[1]), kind->depth);
-  check(image != nullptr,
-        "making a " + std::to_string(axes[0]) + " x " + std::to_string(axes[1]) + " image");
-  image_set_signed(image, kind->is_signed ? TRUE : FALSE);
-  for (long row = 0; row < axes[1] && status == 0; ++row) {
-    void *raster = image_lockraster(image, static_cast<INT32>(row));
-    if (raster == nullptr) {
-      image_delete(image);
-      check(false, "reading '" + path + "'");
+    std::vector<Card> cards = known_cards(file.f, path);
+    if (naxis < 2) {
+      // The empty primary HDU in front of the regions.
+      if (hdu == 1) contents.shared = std::move(cards);
+      continue;
     }
-    fits_read_img(file.f, kind->datatype, LONGLONG(row) * axes[0] + 1, axes[0], nullptr, raster,
-                  nullptr, &status);
-    image_unlockraster(image, static_cast<INT32>(row));
+    const long *channels = value_of<long>(cards, "CHANNELS");
+    const int planes = channels != nullptr && *channels == 2 && naxis == 3 && axes[2] == 2 ? 2 : 1;
+    if (naxis > 3 || (axes[2] != 1 && planes != 2))
+      throw Failure{"'" + path + "' holds a cube, not one image"};
+    Plane &p = contents.picture.adopt(read_image(file.f, axes, planes, path));
+    p.channels = planes;
+    if (const std::string *name = value_of<std::string>(cards, "EXTNAME")) p.name = *name;
+    const long *x0 = value_of<long>(cards, "XORGSUBF"), *y0 = value_of<long>(cards, "YORGSUBF");
+    if (x0 != nullptr && y0 != nullptr) {
+      p.x0 = static_cast<int>(*x0);
+      p.y0 = static_cast<int>(*y0);
+    }
+    contents.cards.push_back(std::move(cards));
   }
-  if (status != 0) image_delete(image);
-  fits_check(status, path, "pixels", "read");
-  return image;
+  if (contents.picture.planes.empty()) throw Failure{"'" + path + "' holds no image"};
+  return contents;
+}
+
+HANDLE read_fits(const std::string &path) {
+  FitsContents contents = read_fits_file(path);
+  // The first image leaves the picture, which frees the others.
+  HANDLE first = contents.picture.planes.front().image;
+  check(list_nth(contents.picture.list(), 1) && list_set_object(contents.picture.list(), nullptr),
+        "taking the image");
+  return first;
 }
 
 }  // namespace session

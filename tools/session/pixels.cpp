@@ -69,6 +69,13 @@ std::vector<double> values_of(HANDLE image) {
   return values;
 }
 
+std::vector<double> channel_values(HANDLE image, int channel) {
+  std::vector<double> values = values_of(image);
+  const int shift = channel == 1 ? 16 : 0;
+  for (double &v : values) v = double((static_cast<uint32_t>(v) >> shift) & 0xFFFFu);
+  return values;
+}
+
 double percentile(std::vector<double> &values, double percent) {
   if (values.empty()) return 0;
   // The smallest level that at least `percent` of the pixels do not exceed.
@@ -88,7 +95,11 @@ Stats stats_of(HANDLE image) {
                 st.mode, st.area};
     return out;
   }
-  std::vector<double> v = values_of(image);
+  return stats_of(values_of(image));
+}
+
+Stats stats_of(std::vector<double> v) {
+  Stats out;
   if (v.empty()) return out;
   out.count = double(v.size());
   double sum = 0;

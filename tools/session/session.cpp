@@ -5,6 +5,7 @@
 #include <limits.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -53,26 +54,30 @@ std::string shipped_data_dir() {
 }
 
 std::string error_story() {
-  err_stack stack = nullptr;
-  err_where_is(&stack);
-  if ((*stack)->category == ERR_NONE) return {};
-  // Each record from the fault itself out to the call that met it, one routine a line; then
-  // the library's advice, which names the possible causes.
-  std::string story;
-  for (const err_record *r = *stack; r != nullptr && r->category != ERR_NONE; r = r->next) {
-    std::vector<const err_trace *> entries;
-    for (const err_trace *t = r->trace; t != nullptr; t = t->next) entries.push_back(t);
-    for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
-      std::string text = (*it)->text != nullptr ? (*it)->text : "";
-      if (!text.empty() && text.back() == '.') text.pop_back();
-      if (!text.empty()) story += "  " + std::string((*it)->routine) + ": " + text + "\n";
-    }
-  }
-  char *advice = nullptr;
-  err_print_all(stack, ERR_MODE_ADVICE, &advice);
-  if (advice != nullptr) story += advice;
-  err_reset_all(stack);
-  return story;
+  return story_of(take_errors());
+}
+
+std::string error_story(const std::vector<std::string> &definition_files) {
+  const DefinitionText text(definition_files);
+  return story_of(take_errors(&text));
+}
+
+bool shutter_closed(const Shot &shot) {
+  return shot.dark || shot.type == "dark" || shot.type == "bias";
+}
+
+const char *image_type(const Exposure &e) {
+  static const std::pair<const char *, const char *> kTypes[] = {{"light", "Light Frame"},
+                                                                 {"dark", "Dark Frame"},
+                                                                 {"bias", "Bias Frame"},
+                                                                 {"flat", "Flat Field"}};
+  const std::string type = !e.type.empty()  ? e.type
+                           : e.seconds == 0 ? "bias"  // read straight after the flush
+                           : e.dark         ? "dark"
+                                            : "light";
+  for (const auto &[name, text] : kTypes)
+    if (type == name) return text;
+  return "Light Frame";
 }
 
 // ---- Pictures -----------------------------------------------------------------------------
@@ -90,6 +95,13 @@ Picture::Picture(Picture &&other) noexcept
   other.images_ = nullptr;
 }
 
+Picture &Picture::operator=(Picture &&other) noexcept {
+  std::swap(planes, other.planes);
+  std::swap(exposure, other.exposure);
+  std::swap(images_, other.images_);
+  return *this;
+}
+
 namespace {
 
 // A list of regions of our own, deleted with them.
@@ -100,14 +112,16 @@ struct RegionList {
   }
 };
 
-std::string utc_now() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
+// A moment as FITS dates it, `centiseconds` after `start`.
+std::string utc_text(const timespec &start, DWORD centiseconds = 0) {
+  const long long ms = static_cast<long long>(start.tv_sec) * 1000 + start.tv_nsec / 1000000 +
+                       static_cast<long long>(centiseconds) * 10;
+  const time_t seconds = static_cast<time_t>(ms / 1000);
   tm t{};
-  gmtime_r(&now.tv_sec, &t);
+  gmtime_r(&seconds, &t);
   char text[96];
-  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03ld", t.tm_year + 1900,
-                t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, now.tv_nsec / 1000000);
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03lld", t.tm_year + 1900,
+                t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, ms % 1000);
   return text;
 }
 
@@ -149,8 +163,10 @@ void Session::release() {
 
 void Session::start(const Setup &g) {
   open_server(g);
+  // The camera reads the hardware file and the chip's as one text.
+  const std::vector<std::string> both{hw_, ccd_definition_file(ccd_)};
   camera_ = camera_new(server_, ccd_.c_str());
-  check(camera_ != nullptr, "bringing up the camera from " + ccd_);
+  if (camera_ == nullptr) throw LibraryError{"bringing up the camera from " + ccd_, both};
   apply_simulator(g);
   const char *type = nullptr, *mode = nullptr, *serial = nullptr, *product = nullptr;
   INT32 xs = 0, ys = 0, rate = 0, sens = 0;
@@ -169,7 +185,8 @@ void Session::start(const Setup &g) {
   chip_.pixel_rate = rate;
   chip_.sensitivity = sens;
   Definitions full;
-  check(read_definitions(hw_, ccd_, &full), "reading the definition files");
+  if (!read_definitions(hw_, both[1], &full))
+    throw LibraryError{"reading the definition files", both};
   defs_ = std::move(full);
 }
 
@@ -234,7 +251,7 @@ void Session::open_server(const Setup &g) {
     virtual_clock_ = true;
   }
   server_ = server_new(served.string().c_str());
-  check(server_ != nullptr, "starting the controller from " + hw_);
+  if (server_ == nullptr) throw LibraryError{"starting the controller from " + hw_, {hw_}};
 }
 
 void Session::apply_simulator(const Setup &g) {
@@ -261,9 +278,23 @@ void Session::configure(const Shot &a) {
   check(camera_set_operation_mode(camera_, a.mode), "setting the operation mode");
 }
 
+void Session::call(BOOL ok, const std::string &what, const char *during) {
+  if (ok) return;
+  if (cancelled_ && cancelled_()) take_errors();  // a wait that gave up as asked: no fault
+  stop_if_cancelled(during);
+  throw LibraryError{what, {}};
+}
+
+void Session::stop_if_cancelled(const char *during) {
+  if (!cancelled_ || !cancelled_()) return;
+  tvx_abort_clear();
+  throw Aborted{during};
+}
+
 double Session::ccd_celsius(double *second) {
   double first = 0, other = 0;
-  check(camera_get_ccd_temperature(camera_, &first, &other), "reading the CCD temperature");
+  call(camera_get_ccd_temperature(camera_, &first, &other), "reading the CCD temperature",
+       "while reading the temperature");
   if (second != nullptr) *second = other;
   return first;
 }
@@ -288,11 +319,41 @@ void Session::start_cooling() {
   // The command carries no temperature; the set point is passed only as the call asks for one.
   const double kelvin = cooler_set_point().value_or(0.0) + kKelvinAtZeroCelsius;
   check(server_set_ccd_temp(server_, kelvin), "switching the cooler on");
+  cooling_ = true;
+}
+
+CoolingReading Session::cool_down(const CoolingWait &w,
+                                  const std::function<void(const CoolingReading &)> &each) {
+  const std::optional<double> set_point = cooler_set_point();
+  if (!set_point)
+    throw Failure{
+        "the hardware definition gives the chip no nominal temperature (ccdtmp1 in VOLTAGES), so "
+        "the cooler has no set point to wait for"};
+  if (!cooling_) start_cooling();
+  CoolingWatch watch(*set_point, w.tolerance_k, w.settle_s);
+  const DWORD start = time_centiseconds();
+  for (;;) {
+    stop_if_cancelled("while cooling");
+    const double seconds = static_cast<double>(time_centiseconds() - start) / 100.0;
+    watch.add(seconds, ccd_celsius());
+    const CoolingReading r{seconds, watch.last(), watch.per_minute(), *set_point};
+    if (each) each(r);
+    if (watch.reached()) return r;
+    if (seconds >= w.timeout_s) {
+      char text[320];
+      std::snprintf(text, sizeof text,
+                    "the CCD did not reach the cooler's set point, %.1f C, within %.0f s: it is at "
+                    "%.2f C and moving %+.2f K a minute (it must hold within %.1f K for %.0f s)",
+                    *set_point, w.timeout_s, r.celsius, r.per_minute, w.tolerance_k, w.settle_s);
+      throw Failure{text};
+    }
+    wait_ms(static_cast<long>(w.poll_s * 1000));
+  }
 }
 
 void Session::wait_ms(long ms) {
   // The library's delay counts centiseconds; the rest of a centisecond is not worth a wait.
-  check(delay_centiseconds(static_cast<DWORD>((ms + 5) / 10)), "waiting");
+  call(delay_centiseconds(static_cast<DWORD>((ms + 5) / 10)), "waiting", "while waiting");
 }
 
 std::vector<Plane> Session::planes_of(const Shot &a, HANDLE images) {
@@ -302,6 +363,10 @@ std::vector<Plane> Session::planes_of(const Shot &a, HANDLE images) {
     Plane p;
     p.image = list_get_nth_object(images, i);
     if (a.regions.size() > 1) p.name = "region " + std::to_string(i);
+    // Two channels stay packed until the processed modes join them into one number.
+    INT32 w = 0, h = 0, depth = 0;
+    check(image_size(p.image, &w, &h, &depth), "reading the image's size");
+    if (depth == 32 && a.mode < 2) p.channels = 2;
     planes.push_back(p);
   }
   // Where each image starts on the chip: the readout fits regions to the binning grid, and the
@@ -364,29 +429,43 @@ Picture Session::take(const Shot &a, long preflush, const Stages &stages) {
   Picture picture;
   Exposure &e = picture.exposure;
   if (preflush > 0) {
+    stop_if_cancelled("before flushing");
     stages.start_open("flushing");
-    check(camera_flush_ccd(camera_, static_cast<INT32>(preflush)), "flushing the chip");
+    call(camera_flush_ccd(camera_, static_cast<INT32>(preflush)), "flushing the chip",
+         "while flushing");
     stages.end();
   }
-  e.ccd_celsius = ccd_celsius();
   e.seconds = static_cast<double>(a.exposure_ms) / 1000.0;
-  e.dark = a.dark;
+  e.dark = shutter_closed(a);
+  e.type = a.type;
   e.xbin = a.xbin;
   e.ybin = a.ybin;
   e.mode = a.mode;
+  e.observation = a.observation;
+  if (cooling_) e.set_point = cooler_set_point();
   describe(&e);
-  e.date_obs = utc_now();
-  if (a.dark) {
+  stop_if_cancelled("before the exposure");
+  e.ccd_celsius = ccd_celsius();
+  // The end is dated by the library's clock, which a virtual clock moves through the exposure.
+  timespec started{};
+  clock_gettime(CLOCK_REALTIME, &started);
+  const DWORD started_cs = time_centiseconds();
+  e.date_obs = utc_text(started);
+  if (e.dark) {
     // The shutter is closed and never opened: the chip gathers only its dark current while we
     // wait.
-    check(camera_close_shutter(camera_), "closing the shutter");
+    call(camera_close_shutter(camera_), "closing the shutter", "while closing the shutter");
     stages.start_timed("dark", e.seconds);
     wait_ms(a.exposure_ms);
   } else if (a.exposure_ms > 0) {
     stages.start_timed("exposing", e.seconds);
-    check(camera_expose_ccd(camera_, static_cast<INT32>(a.exposure_ms)), "exposing");
+    call(camera_expose_ccd(camera_, static_cast<INT32>(a.exposure_ms)), "exposing",
+         "while exposing");
   }
   stages.end();
+  e.date_end = utc_text(started, time_centiseconds() - started_cs);
+  e.ccd_celsius_end = ccd_celsius();
+  stop_if_cancelled("before the readout");
 
   // In real time the simulated readout takes the pixel time of every pixel read.
   double readout_s = 0;
@@ -407,8 +486,16 @@ Picture Session::take(const Shot &a, long preflush, const Stages &stages) {
     stages.start_timed("reading out", readout_s);
   else
     stages.start_open("reading out");
-  check(camera_readout_ccd(camera_, regions.list, picture.list()), "reading out the chip");
+  // The image zero is told only when this readout measured it from the reference columns.
+  INT32 before[CAMERA_OPERATION_COUNTERS] = {}, after[CAMERA_OPERATION_COUNTERS] = {};
+  check(camera_get_operation_stats(camera_, before), "reading the camera's counters");
+  call(camera_readout_ccd(camera_, regions.list, picture.list()), "reading out the chip",
+       "while reading out");
   stages.end();
+  INT32 zero = 0;
+  check(camera_get_operation_stats(camera_, after) && camera_get_image_zero(camera_, &zero),
+        "reading the image zero");
+  if (after[CAMERA_COUNT_IMAGE_ZERO] > before[CAMERA_COUNT_IMAGE_ZERO]) e.image_zero = zero;
   picture.planes = planes_of(a, picture.list());
   return picture;
 }

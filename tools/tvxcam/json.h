@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,14 @@ class Json {
     return *this;
   }
   Json &field(const char *key, int value) { return field(key, long{value}); }
+  // null when there is none.
+  template <class T>
+  Json &field(const char *key, const std::optional<T> &value) {
+    if (value) return field(key, *value);
+    separate(key);
+    out_ += "null";
+    return *this;
+  }
   Json &field(const char *key, bool value) {
     separate(key);
     out_ += value ? "true" : "false";

@@ -1,8 +1,10 @@
 // The 8-bit PNG preview: a robust stretch, so that a few hot pixels or bright stars do not
-// squash everything else into black.
+// squash everything else into black, drawn the way up a FITS viewer draws the file: the first
+// row read out at the bottom.
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "options.h"
 #include "tvx/tvx.h"
@@ -18,9 +20,10 @@ struct Levels {
 // with structure.
 int grey_of(double value, const Levels &levels, Stretch stretch);
 
-// Writes `image` as an 8-bit greyscale PNG, replacing `path`; black and white are the pixels'
-// `low_percent` and `high_percent` percentiles. Returns the levels used. Throws Failure.
-Levels write_png(const std::string &path, HANDLE image, Stretch stretch, double low_percent,
-                 double high_percent);
+// The PNG file of `plane` (of channel 1 when it holds two) as an 8-bit greyscale image whose black
+// and white are the pixels' `low_percent` and `high_percent` percentiles; `levels` gets them.
+// Throws Failure.
+std::vector<unsigned char> preview_png(const Plane &plane, Stretch stretch, double low_percent,
+                                       double high_percent, Levels *levels);
 
 }  // namespace tvxcam

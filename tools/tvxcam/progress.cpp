@@ -37,6 +37,8 @@ Progress::~Progress() {
   }
   wake_.notify_all();
   thread_.join();
+  // A failure or an interrupt leaves no half-drawn line in front of its message.
+  end();
 }
 
 std::string Progress::render(const std::string &prefix, const std::string &label, double elapsed,

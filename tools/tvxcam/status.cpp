@@ -1,20 +1,12 @@
-// status and cool: the camera's state as read from the controller, and its cooler.
-#include <algorithm>
+// status: the camera's state as read from the controller.
 #include <cmath>
 #include <cstdio>
-#include <deque>
 
 #include "commands.h"
 #include "json.h"
 #include "summary.h"
 
 namespace tvxcam {
-
-namespace {
-
-constexpr double kKelvin = 273.15;
-
-}  // namespace
 
 namespace {
 
@@ -38,8 +30,9 @@ bool is_temperature(const std::string &name) {
 
 }  // namespace
 
-int run_status(const Command &c) {
+int run_status(const Command &c, Report &) {
   Session session(c.globals);
+  stop_on_interrupt(session);
   HANDLE cam = session.camera();
   const ChipFacts &chip = session.chip();
   const Definitions &defs = session.definitions();
@@ -116,7 +109,7 @@ int run_status(const Command &c) {
         .close();
     j.open("temperatures").field("ccd1_celsius", t1).field("ccd2_celsius", t2);
     for (const auto &[name, kelvin] : boards)
-      j.field((name + "_celsius").c_str(), kelvin - kKelvin);
+      j.field((name + "_celsius").c_str(), kelvin - kKelvinAtZeroCelsius);
     j.close();
     j.open_array("voltages");
     for (const VoltageLine &v : volts)
@@ -145,7 +138,7 @@ int run_status(const Command &c) {
     for (const Program &p : defs.programs)
       j.open().field("name", p.name).field("file", p.file).close();
     j.close_array();
-    j.field("library_version", std::string(version));
+    j.field("library_version", std::string(version)).field("ok", true);
     j.close();
     std::printf("%s\n", j.text().c_str());
     return 0;
@@ -162,7 +155,7 @@ int run_status(const Command &c) {
   // The second reading comes from the heat sink, which the board temperatures list by name.
   std::printf("  %-12s CCD %.2f C", "temperature", t1);
   for (const auto &[name, kelvin] : boards)
-    std::printf(", %s %.2f C", name.c_str(), kelvin - kKelvin);
+    std::printf(", %s %.2f C", name.c_str(), kelvin - kKelvinAtZeroCelsius);
   std::printf("\n");
   std::printf("\n  %-10s %10s %10s %9s\n", "voltage", "measured", "nominal", "tolerance");
   int out_of_tolerance = 0;
@@ -181,82 +174,6 @@ int run_status(const Command &c) {
   std::printf("\n  %-12s", "programs");
   for (const Program &p : defs.programs) std::printf(" %s (%s)", p.name.c_str(), p.file.c_str());
   std::printf("\n  %-12s tvx %s\n", "library", version);
-  return 0;
-}
-
-// ---- cool -----------------------------------------------------------------------------------
-
-int run_cool(const Command &c) {
-  const CoolOptions &o = c.cool;
-  Progress progress(!c.globals.quiet && !c.globals.virtual_clock);
-  progress.start_open("starting");
-  Session session(c.globals);
-  progress.end();
-  double target = 0;
-  if (o.celsius) {
-    target = *o.celsius;
-  } else {
-    // The chip's nominal temperature, from the VOLTAGES table (in kelvin).
-    const Definitions &d = session.definitions();
-    for (size_t i = 0; i < d.volt_names.size(); ++i)
-      if (d.volt_names[i] == "ccdtmp1") target = d.volts[i].nominal - kKelvin;
-  }
-  check(server_set_ccd_temp(session.server(), target + kKelvin), "setting the CCD temperature");
-  const double now = session.ccd_celsius();
-  if (!o.wait) {
-    if (!c.globals.quiet)
-      std::printf("tvxcam cool: cooler set for %.1f C; the CCD is at %.2f C now\n", target, now);
-    return 0;
-  }
-  // Stable: over the last `settle` seconds the readings span less than this.
-  constexpr double kStableSpan = 0.5;
-  constexpr DWORD kPoll = 100, kLine = 1000;  // centiseconds
-  const DWORD start = time_centiseconds();
-  const DWORD settle = static_cast<DWORD>(o.settle_s * 100), limit = DWORD(o.timeout_s * 100);
-  std::deque<std::pair<DWORD, double>> recent;
-  DWORD last_line = start;
-  double t = now;
-  for (;;) {
-    const DWORD elapsed = time_centiseconds() - start;
-    recent.emplace_back(elapsed, t);
-    while (!recent.empty() && elapsed - recent.front().first > settle) recent.pop_front();
-    const auto [lo, hi] =
-        std::minmax_element(recent.begin(), recent.end(),
-                            [](const auto &a, const auto &b) { return a.second < b.second; });
-    const bool long_enough = elapsed >= settle;
-    const double per_minute = recent.size() > 1 && recent.back().first > recent.front().first
-                                  ? (recent.back().second - recent.front().second) * 6000.0 /
-                                        double(recent.back().first - recent.front().first)
-                                  : 0.0;
-    char line[160];
-    std::snprintf(line, sizeof line, "CCD %7.2f C  target %.1f C  %+6.2f K/min  %4lu s", t, target,
-                  per_minute, static_cast<unsigned long>(elapsed / 100));
-    if (progress.active()) {
-      progress.show(line);
-    } else if (!c.globals.quiet && elapsed - last_line >= kLine) {
-      std::printf("  %s\n", line);
-      std::fflush(stdout);
-      last_line = elapsed;
-    }
-    if (long_enough && hi->second - lo->second < kStableSpan) break;
-    if (elapsed >= limit) {
-      progress.end();
-      char text[200];
-      std::snprintf(text, sizeof text,
-                    "the CCD temperature did not settle within %.0f s: it is %.2f C and moving "
-                    "%+.2f K a minute (target %.1f C)",
-                    o.timeout_s, t, per_minute, target);
-      throw Failure{text};
-    }
-    session.wait_ms(kPoll * 10);
-    t = session.ccd_celsius();
-  }
-  progress.end();
-  if (!c.globals.quiet) {
-    std::printf("tvxcam cool: the CCD settled at %.2f C after %lu s (target %.1f C, %.2f K away)\n",
-                t, static_cast<unsigned long>((time_centiseconds() - start) / 100), target,
-                std::fabs(t - target));
-  }
   return 0;
 }
 
