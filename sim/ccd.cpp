@@ -7,65 +7,68 @@ namespace tvx::sim {
 
 namespace {
 
-constexpr double kFullWell = 150000.0;       // electrons an unbinned pixel holds
-constexpr double kSerialWell = 400000.0;     // electrons the summing well holds
-constexpr double kSecondChannelGain = 16.0;  // channel 2 sees a sixteenth of channel 1's signal
-constexpr double kDarkDoubling = 6.0;        // kelvin per doubling of the dark current
-constexpr size_t kHostBlockBytes = 65464;    // the host never takes a block across its own
-
-uint16_t to_level(double levels) {
-  return static_cast<uint16_t>(std::clamp(std::lround(levels), 0L, 65535L));
-}
+constexpr size_t kHostBlockBytes = 65464;  // the host never takes a block across its own
 
 uint16_t swapped(uint16_t w) {
   return static_cast<uint16_t>(w << 8 | w >> 8);
+}
+
+// Rounded to the nearest level and kept to what the converter gives.
+uint16_t to_level(double levels) {
+  if (!(levels > 0)) return 0;
+  if (levels >= 65535) return 65535;
+  return static_cast<uint16_t>(levels + 0.5);
 }
 
 }  // namespace
 
 void Ccd::begin_frame(const ChipSetup &chip, const Charge &charge, uint32_t frame) {
   chip_ = chip;
-  charge_ = charge;
   scene_ = scene_settings();
-  flux_ = &scene_flux(scene_, std::max(chip.width - kReferenceColumns, 1), chip.height);
-  random_.seed(scene_.seed * 2654435761u + frame);
+  active_ = std::max(chip.width - kReferenceColumns, 1);
+  flux_ = scene_flux(scene_, active_, chip.height).data();
+  light_seconds_ = charge.light_seconds;
+  dark_electrons_ = scene_.dark_current *
+                    std::pow(2.0, (charge.kelvin - kDarkReference) / kDarkDoubling) *
+                    charge.dark_seconds;
+  levels_per_electron_ = 1.0 / chip.electrons_per_level;
+  random_.reseed(uint64_t{scene_.seed} << 32 | frame);
+  charge_ = ChargeSampler();
 }
 
-uint32_t Ccd::pixel(int x, int y, int bx, int by) {
-  if (scene_.kind == SceneKind::coordinates) {
+void Ccd::coordinate_row(int x, int y, int count, int bx, int by, uint32_t *out) const {
+  for (int n = 0; n < count; ++n, x += bx) {
     uint16_t sum = 0;
     for (int j = 0; j < by; ++j)
       for (int i = 0; i < bx; ++i) sum = static_cast<uint16_t>(sum + coordinate_code(x + i, y + j));
-    return chip_.two_channel ? uint32_t{sum} << 16 | coordinate_second(sum) : sum;
+    out[n] = chip_.two_channel ? uint32_t{sum} << 16 | coordinate_second(sum) : sum;
   }
-  const int active = std::max(chip_.width - kReferenceColumns, 1);
-  const double dark_rate =
-      scene_.dark_current * std::pow(2.0, (charge_.kelvin - 293.15) / kDarkDoubling);
+}
+
+double Ccd::binned_charge(int x, int y, int bx, int by) {
   double electrons = 0;
-  for (int j = 0; j < by; ++j)
-    for (int i = 0; i < bx; ++i) {
-      const int px = x + i, py = y + j;
-      if (px >= active || py >= chip_.height) continue;  // covered columns gather nothing
-      const double mean =
-          (*flux_)[size_t(py) * size_t(active) + size_t(px)] * charge_.light_seconds +
-          dark_rate * charge_.dark_seconds;
-      double e = mean;
-      if (mean > 0) {
-        if (mean < 30) {
-          e = std::poisson_distribution<long>(mean)(random_);
-        } else {
-          e = std::max(0.0, std::normal_distribution<double>(mean, std::sqrt(mean))(random_));
-        }
-      }
-      electrons += std::min(e, kFullWell);
-    }
-  electrons = std::min(electrons, kSerialWell);
-  const double noise = std::normal_distribution<double>(0.0, scene_.read_noise)(random_);
-  const double first = chip_.blacklevel + (electrons + noise) / chip_.electrons_per_level;
-  if (!chip_.two_channel) return to_level(first);
-  const double second =
-      chip_.blacklevel + (electrons + noise) / (chip_.electrons_per_level * kSecondChannelGain);
-  return uint32_t{to_level(first)} << 16 | to_level(second);
+  for (int py = std::max(y, 0); py < std::min(y + by, chip_.height); ++py) {
+    const float *flux = flux_ + size_t(py) * size_t(active_);
+    // Covered columns gather nothing.
+    for (int px = std::max(x, 0); px < std::min(x + bx, active_); ++px)
+      electrons += std::min(charge_(random_, flux[px] * light_seconds_ + dark_electrons_),
+                            kFullWell);
+  }
+  return std::min(electrons, kSerialWell);
+}
+
+uint32_t Ccd::convert(double electrons) {
+  const double signal = electrons + scene_.read_noise * random_.normal();
+  const uint16_t first = to_level(chip_.blacklevel + signal * levels_per_electron_);
+  if (!chip_.two_channel) return first;
+  const uint16_t second =
+      to_level(chip_.blacklevel + signal * levels_per_electron_ / kSecondChannelGain);
+  return uint32_t{first} << 16 | second;
+}
+
+void Ccd::read_row(int x, int y, int count, int bx, int by, uint32_t *out) {
+  if (scene_.kind == SceneKind::coordinates) return coordinate_row(x, y, count, bx, by, out);
+  for (int n = 0; n < count; ++n, x += bx) out[n] = convert(binned_charge(x, y, bx, by));
 }
 
 namespace {

@@ -7,15 +7,22 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <random>
 #include <vector>
 
+#include "sim/noise.h"
 #include "sim/scene.h"
 
 namespace tvx::sim {
 
 // The covered columns at the chip's right edge, read for the bias.
 constexpr int kReferenceColumns = 16;
+
+// The chip's physics.
+constexpr double kFullWell = 150000.0;       // electrons an unbinned pixel holds
+constexpr double kSerialWell = 400000.0;     // electrons the summing well holds
+constexpr double kSecondChannelGain = 16.0;  // channel 2 sees a sixteenth of channel 1's signal
+constexpr double kDarkDoubling = 6.0;        // kelvin per doubling of the dark current
+constexpr double kDarkReference = 293.15;    // kelvin at which the scene's dark current holds
 
 struct ChipSetup {
   int width = 0, height = 0;  // unbinned pixels, reference columns included
@@ -32,17 +39,29 @@ struct Charge {
 
 class Ccd {
  public:
-  // A frame's noise is drawn from the scene's seed and the frame's number.
+  // A frame's noise is drawn from the scene's seed and the frame's number, pixel after pixel in
+  // the order they are read.
   void begin_frame(const ChipSetup &chip, const Charge &charge, uint32_t frame);
-  // The binned pixel whose first unbinned pixel is (x, y): 16 bits, or 32 for two channels.
-  uint32_t pixel(int x, int y, int bx, int by);
+  // `count` binned pixels along one binned row, as the converter gives them: 16 bits, or 32 for
+  // two channels. The first binned pixel's first unbinned pixel is (x, y); each next one lies
+  // `bx` columns further.
+  void read_row(int x, int y, int count, int bx, int by, uint32_t *out);
 
  private:
+  void coordinate_row(int x, int y, int count, int bx, int by, uint32_t *out) const;
+  // Electrons in the binned pixel whose first unbinned pixel is (x, y).
+  double binned_charge(int x, int y, int bx, int by);
+  uint32_t convert(double electrons);
+
   ChipSetup chip_;
-  Charge charge_;
   SceneSettings scene_;
-  const std::vector<float> *flux_ = nullptr;
-  std::mt19937 random_;
+  const float *flux_ = nullptr;
+  int active_ = 1;               // columns that see light
+  double light_seconds_ = 0;     // the shutter was open this long
+  double dark_electrons_ = 0;    // the dark charge every pixel gathered this frame
+  double levels_per_electron_ = 1;
+  Random random_;
+  ChargeSampler charge_;
 };
 
 // How the controller sends a frame.
