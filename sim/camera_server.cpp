@@ -211,6 +211,17 @@ bool CameraServer::next_output(WORD &item) {
   return true;
 }
 
+size_t CameraServer::next_outputs(WORD *items, size_t most) {
+  // A frame's released words go in one copy while no reply waits before them.
+  if (out_.empty() && ready_at_ == 0 && streaming_ && frame_open_ && sent_ < released_) {
+    const size_t n = std::min(most, released_ - sent_);
+    std::copy_n(words_.begin() + long(sent_), n, items);
+    sent_ += n;
+    return n;
+  }
+  return ControllerProgram::next_outputs(items, most);
+}
+
 int CameraServer::take_speed_change() {
   const int speed = speed_change_;
   speed_change_ = 0;

@@ -62,6 +62,7 @@ class CameraServer : public ControllerProgram {
   CameraServer();
   void receive(WORD item) override;
   bool next_output(WORD &item) override;
+  size_t next_outputs(WORD *items, size_t most) override;
   int take_speed_change() override;
 
   const CameraState &state() const { return state_; }

@@ -34,11 +34,12 @@ WORD Card::read(WORD offset) {
   if (settings().card_absent) return kFloating;
   switch (offset) {
     case kDataOffset:
-      step();
+      // The link refills the FIFO behind the host's reads; a status read shows it refilled, and
+      // so does a data read that finds it empty, which is all the host can tell.
+      if (rx_.empty()) step();
       if (!rx_.empty()) {
         last_read_ = rx_.front();
         rx_.pop();
-        step();
       }
       // An empty FIFO shows its last word again.
       return last_read_;
@@ -169,9 +170,14 @@ void Card::relay() {
     tx_.pop();
     if (crosses()) distant_.receive(item);
   }
-  WORD item = 0;
-  while (!rx_.full() && distant_.next_output(item))
-    if (crosses()) rx_.push(item);
+  // What the controller has to send comes over in runs as long as the FIFO has room for.
+  std::array<WORD, kReceiveDepth> run;
+  while (!rx_.full()) {
+    const size_t n = distant_.next_outputs(run.data(), kReceiveDepth - rx_.size());
+    if (n == 0) return;
+    for (size_t i = 0; i < n; ++i)
+      if (crosses()) rx_.push(run[i]);
+  }
 }
 
 void Card::step() {
