@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/ccd.h"
 #include "tvx/readout.h"
 #include "tvx/testing.h"
 #include "tvx/tvx.h"
@@ -110,6 +111,33 @@ void BM_FullChipReadout(benchmark::State &state) {
   state.SetLabel("pixels of the 2064 x 2048 chip through the simulator");
 }
 BENCHMARK(BM_FullChipReadout)->Unit(benchmark::kMillisecond);
+
+// The simulated CCD alone making the star field of the whole large chip after a second's
+// exposure, row by row: sky, stars, dark current, photon and read noise, converted to levels.
+void BM_StarFieldPixels(benchmark::State &state) {
+  tvx::sim::SceneSettings scene;
+  scene.kind = tvx::sim::SceneKind::starfield;
+  tvx::sim::set_scene_settings(scene);
+  tvx::sim::ChipSetup chip;
+  chip.width = 2064;
+  chip.height = 2048;
+  chip.blacklevel = 1000;
+  chip.electrons_per_level = 13.0;
+  tvx::sim::Charge charge;
+  charge.light_seconds = charge.dark_seconds = 1.0;
+  tvx::sim::Ccd ccd;
+  std::vector<uint32_t> row(size_t(chip.width));
+  uint32_t frame = 0;
+  ccd.begin_frame(chip, charge, frame);  // the scene's flux is made once, before the timing
+  for (auto _ : state) {
+    ccd.begin_frame(chip, charge, ++frame);
+    for (int y = 0; y < chip.height; ++y) ccd.read_row(0, y, chip.width, 1, 1, row.data());
+    benchmark::DoNotOptimize(row.data());
+  }
+  state.SetItemsProcessed(static_cast<long>(state.iterations()) * chip.width * chip.height);
+  state.SetLabel("the simulated CCD's pixels alone");
+}
+BENCHMARK(BM_StarFieldPixels)->Unit(benchmark::kMillisecond);
 
 // The star field after a second's exposure: sky, stars, dark current, photon and read noise.
 void BM_StarFieldReadout(benchmark::State &state) {

@@ -22,6 +22,10 @@ uint16_t to_level(double levels) {
 
 }  // namespace
 
+// A lone pixel's charge and read noise are drawn as one normal deviate where both are normal
+// and the charge lies far from zero and from the full well, so that neither clamp could act.
+const double kOneDrawBelow = kFullWell - 8.0 * std::sqrt(kFullWell);
+
 void Ccd::begin_frame(const ChipSetup &chip, const Charge &charge, uint32_t frame) {
   chip_ = chip;
   scene_ = scene_settings();
@@ -33,7 +37,7 @@ void Ccd::begin_frame(const ChipSetup &chip, const Charge &charge, uint32_t fram
                     charge.dark_seconds;
   levels_per_electron_ = 1.0 / chip.electrons_per_level;
   random_.reseed(uint64_t{scene_.seed} << 32 | frame);
-  charge_ = ChargeSampler();
+  last_ = {};
 }
 
 void Ccd::coordinate_row(int x, int y, int count, int bx, int by, uint32_t *out) const {
@@ -45,20 +49,37 @@ void Ccd::coordinate_row(int x, int y, int count, int bx, int by, uint32_t *out)
   }
 }
 
-double Ccd::binned_charge(int x, int y, int bx, int by) {
-  double electrons = 0;
-  for (int py = std::max(y, 0); py < std::min(y + by, chip_.height); ++py) {
-    const float *flux = flux_ + size_t(py) * size_t(active_);
-    // Covered columns gather nothing.
-    for (int px = std::max(x, 0); px < std::min(x + bx, active_); ++px)
-      electrons += std::min(charge_(random_, flux[px] * light_seconds_ + dark_electrons_),
-                            kFullWell);
+void Ccd::prepare(double mean) {
+  last_.mean = mean;
+  if (mean < kExactPoissonBelow) {
+    last_.exp_minus = std::exp(-mean);
+  } else {
+    last_.root = std::sqrt(mean);
+    last_.root_with_read = std::sqrt(mean + scene_.read_noise * scene_.read_noise);
   }
-  return std::min(electrons, kSerialWell);
 }
 
-uint32_t Ccd::convert(double electrons) {
-  const double signal = electrons + scene_.read_noise * random_.normal();
+double Ccd::charge(double mean) {
+  if (mean != last_.mean) prepare(mean);
+  if (mean < kExactPoissonBelow) return random_.poisson(mean, last_.exp_minus);
+  return std::clamp(mean + last_.root * random_.normal(), 0.0, kFullWell);
+}
+
+double Ccd::lone_signal(double mean) {
+  if (mean != last_.mean) prepare(mean);
+  if (mean >= kExactPoissonBelow && mean < kOneDrawBelow)
+    return mean + last_.root_with_read * random_.normal();
+  return charge(mean) + scene_.read_noise * random_.normal();
+}
+
+double Ccd::binned_signal(int x, int y, int bx, int by) {
+  double electrons = 0;
+  for (int j = 0; j < by; ++j)
+    for (int i = 0; i < bx; ++i) electrons += charge(expected(x + i, y + j));
+  return std::min(electrons, kSerialWell) + scene_.read_noise * random_.normal();
+}
+
+uint32_t Ccd::convert(double signal) const {
   const uint16_t first = to_level(chip_.blacklevel + signal * levels_per_electron_);
   if (!chip_.two_channel) return first;
   const uint16_t second =
@@ -68,7 +89,11 @@ uint32_t Ccd::convert(double electrons) {
 
 void Ccd::read_row(int x, int y, int count, int bx, int by, uint32_t *out) {
   if (scene_.kind == SceneKind::coordinates) return coordinate_row(x, y, count, bx, by, out);
-  for (int n = 0; n < count; ++n, x += bx) out[n] = convert(binned_charge(x, y, bx, by));
+  if (bx == 1 && by == 1) {
+    for (int n = 0; n < count; ++n) out[n] = convert(lone_signal(expected(x + n, y)));
+    return;
+  }
+  for (int n = 0; n < count; ++n, x += bx) out[n] = convert(binned_signal(x, y, bx, by));
 }
 
 namespace {

@@ -49,19 +49,38 @@ class Ccd {
 
  private:
   void coordinate_row(int x, int y, int count, int bx, int by, uint32_t *out) const;
-  // Electrons in the binned pixel whose first unbinned pixel is (x, y).
-  double binned_charge(int x, int y, int bx, int by);
-  uint32_t convert(double electrons);
+  // Electrons in one unbinned pixel that expects `mean` of them: Poisson, exact for small means
+  // and normal for large ones, never below zero nor above the full well.
+  double charge(double mean);
+  // Electrons and read noise of an unbinned pixel read alone.
+  double lone_signal(double mean);
+  // The same, for the sum of the unbinned pixels of a binned one whose first is (x, y).
+  double binned_signal(int x, int y, int bx, int by);
+  // What the converter gives for a signal in electrons.
+  uint32_t convert(double signal) const;
+  // Expected electrons in the unbinned pixel (x, y) of the lit area; 0 outside it.
+  double expected(int x, int y) const {
+    if (x < 0 || x >= active_ || y < 0 || y >= chip_.height) return 0;
+    return flux_[size_t(y) * size_t(active_) + size_t(x)] * light_seconds_ + dark_electrons_;
+  }
+  // What the draws for one mean need, kept for the last mean seen: most pixels of a frame see
+  // the same sky.
+  void prepare(double mean);
 
   ChipSetup chip_;
   SceneSettings scene_;
   const float *flux_ = nullptr;
-  int active_ = 1;               // columns that see light
-  double light_seconds_ = 0;     // the shutter was open this long
-  double dark_electrons_ = 0;    // the dark charge every pixel gathered this frame
+  int active_ = 1;             // columns that see light
+  double light_seconds_ = 0;   // the shutter was open this long
+  double dark_electrons_ = 0;  // the dark charge every pixel gathered this frame
   double levels_per_electron_ = 1;
   Random random_;
-  ChargeSampler charge_;
+  struct {
+    double mean = -1;
+    double exp_minus = 1;       // exp(-mean), for the exact counts
+    double root = 0;            // sqrt(mean), for the normal approximation
+    double root_with_read = 0;  // the same with the read noise's variance added
+  } last_;
 };
 
 // How the controller sends a frame.

@@ -9,6 +9,17 @@
 
 namespace tvx::sim {
 
+// The ziggurat of kZigguratLayers layers under the unnormalised density f(x) = exp(-x^2 / 2):
+// layer i is a box of half-width x[i] between heights f(x[i]) and f(x[i + 1]), all of equal area.
+// Layer 0 is the base: a box to x[1] and the tail beyond it, taken as one box of half-width x[0].
+constexpr int kZigguratLayers = 128;
+struct Ziggurat {
+  Ziggurat();
+  double x[kZigguratLayers + 1];
+  double inner[kZigguratLayers];  // x[i + 1] / x[i]: the share of a box wholly under the curve
+};
+extern const Ziggurat kZiggurat;
+
 class Random {
  public:
   explicit Random(uint64_t seed = 0) { reseed(seed); }
@@ -28,39 +39,27 @@ class Random {
   }
   // Uniform on [0, 1), in steps of 2^-53.
   double uniform() { return static_cast<double>(bits() >> 11) * 0x1.0p-53; }
-  // A standard normal deviate.
-  double normal();
+  // A standard normal deviate, by the ziggurat method: most draws end in the first test.
+  double normal() {
+    const uint64_t r = bits();
+    // The layer from the low bits, the position from the high ones: the two do not overlap.
+    const int i = static_cast<int>(r & (kZigguratLayers - 1));
+    const double u = static_cast<double>(r >> 11) * 0x1.0p-52 - 1.0;  // [-1, 1)
+    if (std::fabs(u) < kZiggurat.inner[i]) return u * kZiggurat.x[i];
+    return normal_edge(i, u);
+  }
   // A Poisson count of the given mean, drawn exactly: by inversion below kExactPoissonBelow.
   // `exp_minus_mean` is exp(-mean), which callers that draw many counts of one mean keep.
   double poisson(double mean, double exp_minus_mean);
 
  private:
   static uint64_t rotl(uint64_t x, int k) { return x << k | x >> (64 - k); }
-  double normal_tail(bool negative);
+  // The draws that fall in a layer's wedge or in the tail.
+  double normal_edge(int layer, double u);
   uint64_t s_[4];
 };
 
 // Photon and dark counts of this mean and above are drawn from the normal approximation.
 constexpr double kExactPoissonBelow = 30.0;
-
-// Charge gathered by a pixel whose expected charge is `mean` electrons: Poisson, exact for small
-// means and normal (never below zero) for large ones. Keeps the last mean's exp(-mean) and
-// square root, since most pixels of a frame see the same sky.
-class ChargeSampler {
- public:
-  double operator()(Random &random, double mean) {
-    if (mean <= 0) return 0;
-    if (mean != last_mean_) {
-      last_mean_ = mean;
-      last_factor_ = mean < kExactPoissonBelow ? std::exp(-mean) : std::sqrt(mean);
-    }
-    if (mean < kExactPoissonBelow) return random.poisson(mean, last_factor_);
-    const double e = mean + last_factor_ * random.normal();
-    return e > 0 ? e : 0;
-  }
-
- private:
-  double last_mean_ = -1, last_factor_ = 0;
-};
 
 }  // namespace tvx::sim
