@@ -665,21 +665,22 @@ void CameraServer::start_stream(const Packet &request, bool sequence) {
   }
 }
 
-// Pixels of one frame in the order the controller reads them.
-std::vector<uint32_t> CameraServer::frame_pixels() {
+// Pixels of one frame in the order the controller reads them, into `pixels_`; returns how many.
+// The buffer is kept from frame to frame: a large frame is worth no fresh memory every time.
+size_t CameraServer::frame_pixels() {
   const CameraState &s = state_;
   const int bx = std::max(s.xbin, 1), by = std::max(s.ybin, 1);
-  std::vector<uint32_t> pixels;
+  size_t used = 0;
   // Appends `count` binned pixels of a binned row whose first unbinned pixel is (x, y).
   auto read = [&](int x, int y, int count) {
     if (count <= 0) return;
-    pixels.resize(pixels.size() + size_t(count));
-    ccd_.read_row(x, y, count, bx, by, pixels.data() + pixels.size() - size_t(count));
+    if (pixels_.size() < used + size_t(count)) pixels_.resize(used + size_t(count));
+    ccd_.read_row(x, y, count, bx, by, pixels_.data() + used);
+    used += size_t(count);
   };
   if (!sequence_) {
-    pixels.reserve(size_t(std::max(s.region.width, 0)) * size_t(std::max(s.region.height, 0)));
     for (int j = 0; j < s.region.height; ++j) read(s.region.x, s.region.y + j * by, s.region.width);
-    return pixels;
+    return used;
   }
   // The sequence, entry by entry: binned rows shifted or skipped, pixels skipped or read.
   int row = -1, column = 0;
@@ -719,7 +720,7 @@ std::vector<uint32_t> CameraServer::frame_pixels() {
         }
       }
   }
-  return pixels;
+  return used;
 }
 
 void CameraServer::begin_frame() {
@@ -749,7 +750,8 @@ void CameraServer::begin_frame() {
   const int16_t k[3] = {12, -7, 3};  // the converter's channel offsets, as control 50 reports
   std::copy(k, k + 3, format.constants);
   format.seed = static_cast<uint32_t>(s.readouts * 31 + s.frames_sent);
-  encode_frame(frame_pixels(), format, stream_fault, &words_, &block_ends_);
+  const size_t count = frame_pixels();
+  encode_frame(pixels_.data(), count, format, stream_fault, &words_, &block_ends_);
   sent_ = released_ = next_block_ = 0;
   frame_started_ = now;
   frame_open_ = true;

@@ -101,7 +101,7 @@ class CameraServer : public ControllerProgram {
   void start_stream(const Packet &request, bool sequence);
   void begin_frame();
   bool stream_next(WORD &item);
-  std::vector<uint32_t> frame_pixels();
+  size_t frame_pixels();
   int data_mode() const;
 
   CameraState state_;
@@ -113,6 +113,7 @@ class CameraServer : public ControllerProgram {
   DWORD frame_at_ = 0;       // when the next frame's stream starts
   DWORD frame_started_ = 0;  // when the current one started
   double words_per_cs_ = 0;  // the pixel rate in real time; 0: at once
+  std::vector<uint32_t> pixels_;  // the frame's pixels in the order read
   std::vector<uint16_t> words_;
   std::vector<size_t> block_ends_;
   size_t sent_ = 0, released_ = 0, next_block_ = 0;

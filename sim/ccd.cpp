@@ -98,15 +98,15 @@ void Ccd::read_row(int x, int y, int count, int bx, int by, uint32_t *out) {
 
 namespace {
 
-// The host's image as output words: 16-bit words, low word of a 32-bit pixel first.
-std::vector<uint16_t> output_words(const std::vector<uint32_t> &pixels, int words_per_pixel) {
-  std::vector<uint16_t> out;
-  out.reserve(pixels.size() * size_t(words_per_pixel));
-  for (uint32_t p : pixels) {
-    out.push_back(static_cast<uint16_t>(p));
-    if (words_per_pixel == 2) out.push_back(static_cast<uint16_t>(p >> 16));
+// A run of the host's image as output words: 16-bit words, low word of a 32-bit pixel first.
+void output_words(const uint32_t *pixels, size_t count, int words_per_pixel,
+                  std::vector<uint16_t> *out) {
+  out->resize(count * size_t(words_per_pixel));
+  uint16_t *o = out->data();
+  for (size_t i = 0; i < count; ++i) {
+    *o++ = static_cast<uint16_t>(pixels[i]);
+    if (words_per_pixel == 2) *o++ = static_cast<uint16_t>(pixels[i] >> 16);
   }
-  return out;
 }
 
 // Words on the wire for `n` output words starting at `o`, `position` the first word's place in
@@ -170,15 +170,14 @@ int multiple_of(int mode) {
 
 }  // namespace
 
-void encode_frame(const std::vector<uint32_t> &pixels, const StreamFormat &f,
+void encode_frame(const uint32_t *pixels, size_t count, const StreamFormat &f,
                   const StreamFault &fault, std::vector<uint16_t> *words,
                   std::vector<size_t> *block_ends) {
   words->clear();
   block_ends->clear();
-  const std::vector<uint16_t> out = output_words(pixels, f.words_per_pixel);
   const size_t raster_words = size_t(f.raster_pixels) * size_t(f.words_per_pixel);
   const size_t rasters = std::max<size_t>(kHostBlockBytes / (raster_words * 2), 1);
-  const size_t host_block = rasters * raster_words;
+  const size_t host_pixels = rasters * size_t(f.raster_pixels);
   const size_t multiple = size_t(multiple_of(f.data_mode));
   uint32_t state = f.seed * 747796405u + 2891336453u;
   auto next_size = [&state, multiple](size_t left) {
@@ -187,19 +186,16 @@ void encode_frame(const std::vector<uint32_t> &pixels, const StreamFormat &f,
     if (most < multiple) return left;  // a remnant the host will refuse, as it must
     return (1 + (state >> 16) % (most / multiple)) * multiple;
   };
+  // One pixel block of the host's at a time: its output words, and its words on the wire.
+  std::vector<uint16_t> out, wire, again;
   bool first = true;
-  for (size_t start = 0; start < out.size(); start += host_block) {
-    // Wire words the host counts for this pixel block: its size in output words.
-    const size_t count = std::min(host_block, out.size() - start);
-    std::vector<uint16_t> wire;
-    if (f.data_mode == 18) {
-      // Four wire words per three pixels, as many wire words as the block has output words.
-      encode(f, out.data() + start, count / 4 * 3, 0, &wire);
-      wire.resize(count, 0);
-    } else {
-      encode(f, out.data() + start, count, 0, &wire);
-      wire.resize(count, 0);
-    }
+  for (size_t start = 0; start < count; start += host_pixels) {
+    output_words(pixels + start, std::min(host_pixels, count - start), f.words_per_pixel, &out);
+    // Wire words the host counts for this pixel block: its size in output words. Mode 18 sends
+    // four wire words per three pixels.
+    wire.clear();
+    encode(f, out.data(), f.data_mode == 18 ? out.size() / 4 * 3 : out.size(), 0, &wire);
+    wire.resize(out.size(), 0);
     size_t at = 0;
     while (at < wire.size()) {
       size_t size = next_size(wire.size() - at);
@@ -207,12 +203,14 @@ void encode_frame(const std::vector<uint32_t> &pixels, const StreamFormat &f,
       first = false;
       if (f.data_mode == 9) {
         // Mode 9 offsets the odd places of each block: encode the block in place again.
-        std::vector<uint16_t> again;
-        encode(f, out.data() + start + at, std::min(size, count - at), 0, &again);
+        again.clear();
+        encode(f, out.data() + at, std::min(size, out.size() - at), 0, &again);
         std::copy(again.begin(), again.end(), wire.begin() + long(at));
       }
       words->push_back(static_cast<uint16_t>(size));
-      for (size_t i = 0; i < size; ++i) words->push_back(at + i < wire.size() ? wire[at + i] : 0);
+      const size_t sent = std::min(size, wire.size() - at);
+      words->insert(words->end(), wire.begin() + long(at), wire.begin() + long(at + sent));
+      words->resize(words->size() + (size - sent), 0);  // a spoilt size runs past the data
       at += size;
       block_ends->push_back(words->size());
     }

@@ -98,9 +98,9 @@ struct StreamFault {
   long stop_after = -1;  // the stream stops after this many words
 };
 
-// Encodes a frame's pixels, in readout order, into the words of the stream. `block_ends` gets the
-// index one past each block, so that a block can be released whole.
-void encode_frame(const std::vector<uint32_t> &pixels, const StreamFormat &format,
+// Encodes a frame's `count` pixels, in readout order, into the words of the stream. `block_ends`
+// gets the index one past each block, so that a block can be released whole.
+void encode_frame(const uint32_t *pixels, size_t count, const StreamFormat &format,
                   const StreamFault &fault, std::vector<uint16_t> *words,
                   std::vector<size_t> *block_ends);
 
