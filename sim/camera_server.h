@@ -110,9 +110,9 @@ class CameraServer : public ControllerProgram {
   bool sequence_ = false;
   Packet stream_request_{};
   long frames_left_ = 0;
-  DWORD frame_at_ = 0;       // when the next frame's stream starts
-  DWORD frame_started_ = 0;  // when the current one started
-  double words_per_cs_ = 0;  // the pixel rate in real time; 0: at once
+  DWORD frame_at_ = 0;            // when the next frame's stream starts
+  DWORD frame_started_ = 0;       // when the current one started
+  double words_per_cs_ = 0;       // the pixel rate in real time; 0: at once
   std::vector<uint32_t> pixels_;  // the frame's pixels in the order read
   std::vector<uint16_t> words_;
   std::vector<size_t> block_ends_;

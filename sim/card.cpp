@@ -153,13 +153,13 @@ void Card::run_loader() {
   fail_local();
 }
 
-bool Card::crosses() {
-  // Ends at different speeds do not understand each other: the item is lost.
-  if (speed_of(control_) != distant_.speed()) return false;
+size_t Card::crossing(size_t count) {
+  // Ends at different speeds do not understand each other: every item is lost.
+  if (speed_of(control_) != distant_.speed()) return 0;
   const long limit = settings().drop_after;
-  if (limit > 0 && crossed_ >= limit) return false;
-  ++crossed_;
-  return true;
+  if (limit > 0) count = std::min(count, size_t(std::max(limit - crossed_, 0L)));
+  crossed_ += long(count);
+  return count;
 }
 
 void Card::relay() {
@@ -168,15 +168,15 @@ void Card::relay() {
   while (!tx_.empty() && distant_.accepts()) {
     const WORD item = tx_.front();
     tx_.pop();
-    if (crosses()) distant_.receive(item);
+    if (crossing(1) == 1) distant_.receive(item);
   }
   // What the controller has to send comes over in runs as long as the FIFO has room for.
   std::array<WORD, kReceiveDepth> run;
   while (!rx_.full()) {
     const size_t n = distant_.next_outputs(run.data(), kReceiveDepth - rx_.size());
     if (n == 0) return;
-    for (size_t i = 0; i < n; ++i)
-      if (crosses()) rx_.push(run[i]);
+    // The words lost on the way are the last ones: the link stops carrying after its limit.
+    rx_.push(run.data(), crossing(n));
   }
 }
 
