@@ -679,6 +679,8 @@ size_t CameraServer::frame_pixels() {
     used += size_t(count);
   };
   if (!sequence_) {
+    const size_t whole = size_t(std::max(s.region.width, 0)) * size_t(std::max(s.region.height, 0));
+    if (pixels_.size() < whole) pixels_.resize(whole);
     for (int j = 0; j < s.region.height; ++j) read(s.region.x, s.region.y + j * by, s.region.width);
     return used;
   }

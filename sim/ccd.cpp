@@ -26,6 +26,32 @@ uint16_t to_level(double levels) {
 // and the charge lies far from zero and from the full well, so that neither clamp could act.
 const double kOneDrawBelow = kFullWell - 8.0 * std::sqrt(kFullWell);
 
+void ChargeDraws::prepare(double mean, double read_noise, bool table) {
+  mean_ = mean;
+  read_noise_ = read_noise;
+  tabled_ = table && mean < kExactPoissonBelow;
+  if (mean < kExactPoissonBelow) {
+    exp_minus_ = std::exp(-std::max(mean, 0.0));
+    if (tabled_) table_.build(std::max(mean, 0.0));
+  } else {
+    root_ = std::sqrt(mean);
+    root_with_read_ = std::sqrt(mean + read_noise * read_noise);
+  }
+}
+
+inline double ChargeDraws::charge(Random &random) const {
+  if (mean_ <= 0) return 0;
+  if (tabled_) return table_.draw(random);
+  if (mean_ < kExactPoissonBelow) return random.poisson(mean_, exp_minus_);
+  return std::clamp(mean_ + root_ * random.normal(), 0.0, kFullWell);
+}
+
+inline double ChargeDraws::lone_signal(Random &random) const {
+  if (mean_ >= kExactPoissonBelow && mean_ < kOneDrawBelow)
+    return mean_ + root_with_read_ * random.normal();
+  return charge(random) + read_noise_ * random.normal();
+}
+
 void Ccd::begin_frame(const ChipSetup &chip, const Charge &charge, uint32_t frame) {
   chip_ = chip;
   scene_ = scene_settings();
@@ -37,7 +63,7 @@ void Ccd::begin_frame(const ChipSetup &chip, const Charge &charge, uint32_t fram
                     charge.dark_seconds;
   levels_per_electron_ = 1.0 / chip.electrons_per_level;
   random_.reseed(uint64_t{scene_.seed} << 32 | frame);
-  last_ = {};
+  background_ = last_ = ChargeDraws();
 }
 
 void Ccd::coordinate_row(int x, int y, int count, int bx, int by, uint32_t *out) const {
@@ -49,37 +75,14 @@ void Ccd::coordinate_row(int x, int y, int count, int bx, int by, uint32_t *out)
   }
 }
 
-void Ccd::prepare(double mean) {
-  last_.mean = mean;
-  if (mean < kExactPoissonBelow) {
-    last_.exp_minus = std::exp(-mean);
-  } else {
-    last_.root = std::sqrt(mean);
-    last_.root_with_read = std::sqrt(mean + scene_.read_noise * scene_.read_noise);
-  }
-}
-
-double Ccd::charge(double mean) {
-  if (mean != last_.mean) prepare(mean);
-  if (mean < kExactPoissonBelow) return random_.poisson(mean, last_.exp_minus);
-  return std::clamp(mean + last_.root * random_.normal(), 0.0, kFullWell);
-}
-
-double Ccd::lone_signal(double mean) {
-  if (mean != last_.mean) prepare(mean);
-  if (mean >= kExactPoissonBelow && mean < kOneDrawBelow)
-    return mean + last_.root_with_read * random_.normal();
-  return charge(mean) + scene_.read_noise * random_.normal();
-}
-
 double Ccd::binned_signal(int x, int y, int bx, int by) {
   double electrons = 0;
   for (int j = 0; j < by; ++j)
-    for (int i = 0; i < bx; ++i) electrons += charge(expected(x + i, y + j));
+    for (int i = 0; i < bx; ++i) electrons += draws(expected(x + i, y + j)).charge(random_);
   return std::min(electrons, kSerialWell) + scene_.read_noise * random_.normal();
 }
 
-uint32_t Ccd::convert(double signal) const {
+inline uint32_t Ccd::convert(double signal) const {
   const uint16_t first = to_level(chip_.blacklevel + signal * levels_per_electron_);
   if (!chip_.two_channel) return first;
   const uint16_t second =
@@ -90,7 +93,10 @@ uint32_t Ccd::convert(double signal) const {
 void Ccd::read_row(int x, int y, int count, int bx, int by, uint32_t *out) {
   if (scene_.kind == SceneKind::coordinates) return coordinate_row(x, y, count, bx, by, out);
   if (bx == 1 && by == 1) {
-    for (int n = 0; n < count; ++n) out[n] = convert(lone_signal(expected(x + n, y)));
+    // The generator's state as a local, which the compiler keeps in registers.
+    Random random = random_;
+    for (int n = 0; n < count; ++n) out[n] = convert(draws(expected(x + n, y)).lone_signal(random));
+    random_ = random;
     return;
   }
   for (int n = 0; n < count; ++n, x += bx) out[n] = convert(binned_signal(x, y, bx, by));

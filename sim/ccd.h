@@ -37,6 +37,27 @@ struct Charge {
   double kelvin = 293.15;
 };
 
+// What the draws of one expected charge need, made once for it: exp(-mean) for exact counts, the
+// roots for the normal approximation, and for a charge that many pixels share, a table.
+class ChargeDraws {
+ public:
+  void prepare(double mean, double read_noise, bool table);
+  double mean() const { return mean_; }
+  // Electrons in an unbinned pixel: Poisson, exact for small means and normal for large ones,
+  // never below zero nor above the full well.
+  double charge(Random &random) const;
+  // Electrons and read noise of an unbinned pixel read alone.
+  double lone_signal(Random &random) const;
+
+ private:
+  double mean_ = -1, read_noise_ = 0;
+  double exp_minus_ = 1;       // exp(-mean)
+  double root_ = 0;            // sqrt(mean)
+  double root_with_read_ = 0;  // the same with the read noise's variance added
+  bool tabled_ = false;
+  PoissonTable table_;
+};
+
 class Ccd {
  public:
   // A frame's noise is drawn from the scene's seed and the frame's number, pixel after pixel in
@@ -49,12 +70,7 @@ class Ccd {
 
  private:
   void coordinate_row(int x, int y, int count, int bx, int by, uint32_t *out) const;
-  // Electrons in one unbinned pixel that expects `mean` of them: Poisson, exact for small means
-  // and normal for large ones, never below zero nor above the full well.
-  double charge(double mean);
-  // Electrons and read noise of an unbinned pixel read alone.
-  double lone_signal(double mean);
-  // The same, for the sum of the unbinned pixels of a binned one whose first is (x, y).
+  // The sum of the unbinned pixels of a binned one whose first is (x, y), with read noise.
   double binned_signal(int x, int y, int bx, int by);
   // What the converter gives for a signal in electrons.
   uint32_t convert(double signal) const;
@@ -63,9 +79,17 @@ class Ccd {
     if (x < 0 || x >= active_ || y < 0 || y >= chip_.height) return 0;
     return flux_[size_t(y) * size_t(active_) + size_t(x)] * light_seconds_ + dark_electrons_;
   }
-  // What the draws for one mean need, kept for the last mean seen: most pixels of a frame see
-  // the same sky.
-  void prepare(double mean);
+  // The draws for a mean. Most pixels of a frame see the same sky: a mean met twice running
+  // becomes the background, with a table of its own, and stars come and go in `last_`.
+  const ChargeDraws &draws(double mean) {
+    if (mean == background_.mean()) return background_;
+    if (mean != last_.mean()) {
+      last_.prepare(mean, scene_.read_noise, false);
+      return last_;
+    }
+    background_.prepare(mean, scene_.read_noise, true);
+    return background_;
+  }
 
   ChipSetup chip_;
   SceneSettings scene_;
@@ -75,12 +99,7 @@ class Ccd {
   double dark_electrons_ = 0;  // the dark charge every pixel gathered this frame
   double levels_per_electron_ = 1;
   Random random_;
-  struct {
-    double mean = -1;
-    double exp_minus = 1;       // exp(-mean), for the exact counts
-    double root = 0;            // sqrt(mean), for the normal approximation
-    double root_with_read = 0;  // the same with the read noise's variance added
-  } last_;
+  ChargeDraws background_, last_;
 };
 
 // How the controller sends a frame.

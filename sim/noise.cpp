@@ -80,4 +80,19 @@ double Random::poisson(double mean, double exp_minus_mean) {
   return k;
 }
 
+void PoissonTable::build(double mean) {
+  double p = std::exp(-mean), sum = p;
+  for (int k = 0; k < kCounts; ++k) {
+    cumulative_[k] = sum;
+    p *= mean * reciprocals.of[k + 1];
+    sum += p;
+  }
+  cumulative_[kCounts - 1] = 1.0;
+  int k = 0;
+  for (int j = 0; j < kGuides; ++j) {
+    while (cumulative_[k] <= double(j) / kGuides) ++k;
+    guide_[j] = static_cast<uint8_t>(k);
+  }
+}
+
 }  // namespace tvx::sim

@@ -62,4 +62,24 @@ class Random {
 // Photon and dark counts of this mean and above are drawn from the normal approximation.
 constexpr double kExactPoissonBelow = 30.0;
 
+// Poisson counts of one mean below kExactPoissonBelow, for a mean many pixels share: by inversion
+// as Random::poisson draws them, from a cumulative table that a guide table enters near the
+// answer, so that a draw is a lookup and seldom a step.
+class PoissonTable {
+ public:
+  void build(double mean);
+  double draw(Random &random) const {
+    const double u = random.uniform();
+    int k = guide_[static_cast<size_t>(u * kGuides)];
+    while (u >= cumulative_[k]) ++k;
+    return k;
+  }
+
+ private:
+  static constexpr int kGuides = 64;
+  static constexpr int kCounts = 128;  // counts beyond the last are rarer than 2^-53
+  double cumulative_[kCounts];         // P(count <= k); the last is 1
+  uint8_t guide_[kGuides];             // the least k with P(count <= k) > j / kGuides
+};
+
 }  // namespace tvx::sim
