@@ -665,24 +665,18 @@ void CameraServer::start_stream(const Packet &request, bool sequence) {
   }
 }
 
-// Pixels of one frame in the order the controller reads them, into `pixels_`; returns how many.
-// The buffer is kept from frame to frame: a large frame is worth no fresh memory every time.
-size_t CameraServer::frame_pixels() {
+// The runs of one frame in the order the controller reads them: a run is `count` binned pixels of
+// a binned row whose first unbinned pixel is (x, y).
+std::vector<CameraServer::Run> CameraServer::frame_runs() {
   const CameraState &s = state_;
   const int bx = std::max(s.xbin, 1), by = std::max(s.ybin, 1);
-  size_t used = 0;
-  // Appends `count` binned pixels of a binned row whose first unbinned pixel is (x, y).
+  std::vector<Run> runs;
   auto read = [&](int x, int y, int count) {
-    if (count <= 0) return;
-    if (pixels_.size() < used + size_t(count)) pixels_.resize(used + size_t(count));
-    ccd_.read_row(x, y, count, bx, by, pixels_.data() + used);
-    used += size_t(count);
+    if (count > 0) runs.push_back({x, y, count});
   };
   if (!sequence_) {
-    const size_t whole = size_t(std::max(s.region.width, 0)) * size_t(std::max(s.region.height, 0));
-    if (pixels_.size() < whole) pixels_.resize(whole);
     for (int j = 0; j < s.region.height; ++j) read(s.region.x, s.region.y + j * by, s.region.width);
-    return used;
+    return runs;
   }
   // The sequence, entry by entry: binned rows shifted or skipped, pixels skipped or read.
   int row = -1, column = 0;
@@ -722,7 +716,7 @@ size_t CameraServer::frame_pixels() {
         }
       }
   }
-  return used;
+  return runs;
 }
 
 void CameraServer::begin_frame() {
@@ -752,8 +746,24 @@ void CameraServer::begin_frame() {
   const int16_t k[3] = {12, -7, 3};  // the converter's channel offsets, as control 50 reports
   std::copy(k, k + 3, format.constants);
   format.seed = static_cast<uint32_t>(s.readouts * 31 + s.frames_sent);
-  const size_t count = frame_pixels();
-  encode_frame(pixels_.data(), count, format, stream_fault, &words_, &block_ends_);
+  // The CCD reads its pixels as the encoder asks for them, a host pixel block at a time.
+  const std::vector<Run> runs = frame_runs();
+  size_t count = 0;
+  for (const Run &r : runs) count += size_t(r.count);
+  const int bx = std::max(s.xbin, 1), by = std::max(s.ybin, 1);
+  size_t run = 0, done = 0;  // the run being read, and its pixels read so far
+  auto read = [&](uint32_t *out, size_t n) {
+    while (n > 0) {
+      const Run &r = runs[run];
+      const size_t piece = std::min(n, size_t(r.count) - done);
+      ccd_.read_row(r.x + int(done) * bx, r.y, int(piece), bx, by, out);
+      out += piece;
+      n -= piece;
+      done += piece;
+      if (done == size_t(r.count)) ++run, done = 0;
+    }
+  };
+  encode_frame(read, count, format, stream_fault, &words_, &block_ends_);
   sent_ = released_ = next_block_ = 0;
   frame_started_ = now;
   frame_open_ = true;

@@ -101,7 +101,10 @@ class CameraServer : public ControllerProgram {
   void start_stream(const Packet &request, bool sequence);
   void begin_frame();
   bool stream_next(WORD &item);
-  size_t frame_pixels();
+  struct Run {
+    int x, y, count;
+  };
+  std::vector<Run> frame_runs();
   int data_mode() const;
 
   CameraState state_;
@@ -110,10 +113,9 @@ class CameraServer : public ControllerProgram {
   bool sequence_ = false;
   Packet stream_request_{};
   long frames_left_ = 0;
-  DWORD frame_at_ = 0;            // when the next frame's stream starts
-  DWORD frame_started_ = 0;       // when the current one started
-  double words_per_cs_ = 0;       // the pixel rate in real time; 0: at once
-  std::vector<uint32_t> pixels_;  // the frame's pixels in the order read
+  DWORD frame_at_ = 0;       // when the next frame's stream starts
+  DWORD frame_started_ = 0;  // when the current one started
+  double words_per_cs_ = 0;  // the pixel rate in real time; 0: at once
   std::vector<uint16_t> words_;
   std::vector<size_t> block_ends_;
   size_t sent_ = 0, released_ = 0, next_block_ = 0;

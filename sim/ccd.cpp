@@ -176,7 +176,7 @@ int multiple_of(int mode) {
 
 }  // namespace
 
-void encode_frame(const uint32_t *pixels, size_t count, const StreamFormat &f,
+void encode_frame(const PixelSource &pixels, size_t count, const StreamFormat &f,
                   const StreamFault &fault, std::vector<uint16_t> *words,
                   std::vector<size_t> *block_ends) {
   words->clear();
@@ -192,11 +192,17 @@ void encode_frame(const uint32_t *pixels, size_t count, const StreamFormat &f,
     if (most < multiple) return left;  // a remnant the host will refuse, as it must
     return (1 + (state >> 16) % (most / multiple)) * multiple;
   };
-  // One pixel block of the host's at a time: its output words, and its words on the wire.
+  // A frame takes its pixels' words and a word for each block, which holds 15 or so.
+  words->reserve(count * size_t(f.words_per_pixel) * 9 / 8 + 64);
+  // One pixel block of the host's at a time: its pixels, its output words, and its words on the
+  // wire.
+  std::vector<uint32_t> block(host_pixels);
   std::vector<uint16_t> out, wire, again;
   bool first = true;
   for (size_t start = 0; start < count; start += host_pixels) {
-    output_words(pixels + start, std::min(host_pixels, count - start), f.words_per_pixel, &out);
+    const size_t n = std::min(host_pixels, count - start);
+    pixels(block.data(), n);
+    output_words(block.data(), n, f.words_per_pixel, &out);
     // Wire words the host counts for this pixel block: its size in output words. Mode 18 sends
     // four wire words per three pixels.
     wire.clear();

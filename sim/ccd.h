@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "sim/noise.h"
@@ -117,9 +118,12 @@ struct StreamFault {
   long stop_after = -1;  // the stream stops after this many words
 };
 
-// Encodes a frame's `count` pixels, in readout order, into the words of the stream. `block_ends`
-// gets the index one past each block, so that a block can be released whole.
-void encode_frame(const uint32_t *pixels, size_t count, const StreamFormat &format,
+// The next `n` pixels of a frame in readout order.
+using PixelSource = std::function<void(uint32_t *out, size_t n)>;
+
+// Encodes a frame's `count` pixels, taken from `pixels` in readout order, into the words of the
+// stream. `block_ends` gets the index one past each block, so that a block can be released whole.
+void encode_frame(const PixelSource &pixels, size_t count, const StreamFormat &format,
                   const StreamFault &fault, std::vector<uint16_t> *words,
                   std::vector<size_t> *block_ends);
 
