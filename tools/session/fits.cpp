@@ -2,10 +2,14 @@
 // with FITS row 1 holding raster 0, and come back the same way.
 #include "fits.h"
 
+#include <fcntl.h>
 #include <fitsio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 
@@ -34,6 +38,40 @@ struct FitsFile {
   }
 };
 
+constexpr size_t kRecord = 2880;  // FITS files are made of records of this many bytes
+
+// A FITS file made in memory, which cfitsio grows with realloc. The memory is kept for the next
+// file, which is most often the same size: fresh memory costs a fault on every page. cfitsio
+// takes whatever lies beyond the HDU it has just written for the next one, so what the last file
+// left there is cleared first, as fresh memory would be.
+struct MemoryFile {
+  void *data = nullptr;
+  size_t size = 0;
+  size_t used = 0;  // bytes of the last file; SIZE_MAX while one is made
+  ~MemoryFile() { std::free(data); }
+};
+thread_local MemoryFile memory;
+
+// Writes `size` bytes to a new file at `path`.
+void write_whole(const std::string &path, const void *bytes, size_t size) {
+  auto fail = [&path](int error) {
+    throw Failure{"cannot write FITS file '" + path + "' (writing): " + std::strerror(error)};
+  };
+  const int fd = open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0666);
+  if (fd < 0) fail(errno);
+  for (size_t at = 0; at < size;) {
+    const ssize_t n = write(fd, static_cast<const char *>(bytes) + at, size - at);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      const int error = n < 0 ? errno : EIO;
+      close(fd);
+      fail(error);
+    }
+    at += size_t(n);
+  }
+  if (close(fd) != 0) fail(errno);
+}
+
 // The image type by pixel size and sign: unsigned types are stored as signed with BZERO, which
 // cfitsio writes for USHORT_IMG and ULONG_IMG. 3-byte pixels widen to 32 bits.
 int bitpix_of(const Shape &s) {
@@ -42,15 +80,37 @@ int bitpix_of(const Shape &s) {
   return s.is_signed ? LONG_IMG : ULONG_IMG;
 }
 
+// cfitsio's type for rasters of this pixel size and sign as they lie in the image, or 0 where
+// they must be widened first (3-byte pixels).
+int datatype_of(const Shape &s) {
+  switch (s.bytes) {
+    case 1:
+      return s.is_signed ? TSBYTE : TBYTE;
+    case 2:
+      return s.is_signed ? TSHORT : TUSHORT;
+    case 4:
+      return s.is_signed ? TINT : TUINT;
+    default:
+      return 0;
+  }
+}
+
 void write_pixels(fitsfile *f, HANDLE image, const Shape &s, const std::string &path) {
   int status = 0;
-  std::vector<long long> row(size_t(s.width));
-  std::vector<double> values(size_t(s.width));
+  const int datatype = datatype_of(s);
+  std::vector<long long> row(datatype == 0 ? size_t(s.width) : 0);
+  std::vector<double> values(row.size());
   for_each_row(image, [&](int r, const BYTE *raster) {
     if (status != 0) return;
+    const LONGLONG first = LONGLONG(r) * s.width + 1;
+    if (datatype != 0) {
+      // cfitsio takes the raster as it is, offset by BZERO for unsigned pixels.
+      fits_write_img(f, datatype, first, s.width, const_cast<BYTE *>(raster), &status);
+      return;
+    }
     decode_row(s, raster, values.data());
     for (int i = 0; i < s.width; ++i) row[size_t(i)] = static_cast<long long>(values[size_t(i)]);
-    fits_write_img(f, TLONGLONG, LONGLONG(r) * s.width + 1, s.width, row.data(), &status);
+    fits_write_img(f, TLONGLONG, first, s.width, row.data(), &status);
   });
   fits_check(status, path, "pixels");
 }
@@ -80,9 +140,24 @@ void write_fits(const std::string &path, const std::vector<Plane> &planes, const
   // A disk file with no clobber or extended-name syntax: the name is taken as it stands.
   if (unlink(path.c_str()) != 0 && errno != ENOENT)
     throw Failure{"cannot replace '" + path + "': " + std::strerror(errno)};
+  // The file is made in memory and then written in one piece: cfitsio moves a disk file a
+  // 2880-byte record at a time, and reads each data unit back for its checksum.
+  size_t wanted = 0;
+  for (const Plane &p : planes) {
+    const Shape s = shape_of(p.image);
+    wanted += kRecord * 4 + size_t(s.width) * size_t(s.height) * size_t(s.bytes == 3 ? 4 : s.bytes);
+  }
+  if (memory.data != nullptr) std::memset(memory.data, 0, std::min(memory.used, memory.size));
+  if (memory.size < wanted) {
+    void *more = std::realloc(memory.data, wanted);
+    if (more == nullptr) throw Failure{"no memory for the FITS file '" + path + "'"};
+    memory.data = more;
+    memory.size = wanted;
+  }
+  memory.used = SIZE_MAX;  // until the file is whole, any of it may be written
   FitsFile file;
   int status = 0;
-  fits_create_diskfile(&file.f, const_cast<char *>(path.c_str()), &status);
+  fits_create_memfile(&file.f, &memory.data, &memory.size, kRecord * 16, std::realloc, &status);
   fits_check(status, path, "creating");
   if (planes.size() > 1) {
     // An empty primary HDU says what all the regions share; each region is an extension.
@@ -104,9 +179,14 @@ void write_fits(const std::string &path, const std::vector<Plane> &planes, const
     fits_write_chksum(file.f, &status);
     fits_check(status, path, "checksum");
   }
+  // The last data unit ends the file, padded to a whole record.
+  LONGLONG head = 0, data = 0, end = 0;
+  fits_get_hduaddrll(file.f, &head, &data, &end, &status);
   fits_close_file(file.f, &status);
   file.f = nullptr;
   fits_check(status, path, "closing");
+  memory.used = size_t(end);
+  write_whole(path, memory.data, memory.used);
 }
 
 bool is_fits(const std::string &path) {
