@@ -54,22 +54,22 @@ thread_local MemoryFile memory;
 
 // Writes `size` bytes to a new file at `path`.
 void write_whole(const std::string &path, const void *bytes, size_t size) {
-  auto fail = [&path](int error) {
-    throw Failure{"cannot write FITS file '" + path + "' (writing): " + std::strerror(error)};
+  auto fail = [&path](const char *doing, int error) {
+    throw Failure{"cannot write FITS file '" + path + "' (" + doing + "): " + std::strerror(error)};
   };
   const int fd = open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0666);
-  if (fd < 0) fail(errno);
+  if (fd < 0) fail("creating", errno);
   for (size_t at = 0; at < size;) {
     const ssize_t n = write(fd, static_cast<const char *>(bytes) + at, size - at);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
       const int error = n < 0 ? errno : EIO;
       close(fd);
-      fail(error);
+      fail("writing", error);
     }
     at += size_t(n);
   }
-  if (close(fd) != 0) fail(errno);
+  if (close(fd) != 0) fail("closing", errno);
 }
 
 // The image type by pixel size and sign: unsigned types are stored as signed with BZERO, which
