@@ -56,7 +56,9 @@ void Ccd::begin_frame(const ChipSetup &chip, const Charge &charge, uint32_t fram
   chip_ = chip;
   scene_ = scene_settings();
   active_ = std::max(chip.width - kReferenceColumns, 1);
-  flux_ = scene_flux(scene_, active_, chip.height).data();
+  flux_.prepare(scene_, active_, chip.height);
+  row_.resize(size_t(active_));
+  row_y_ = -1;
   light_seconds_ = charge.light_seconds;
   dark_electrons_ = scene_.dark_current *
                     std::pow(2.0, (charge.kelvin - kDarkReference) / kDarkDoubling) *
@@ -75,11 +77,26 @@ void Ccd::coordinate_row(int x, int y, int count, int bx, int by, uint32_t *out)
   }
 }
 
-double Ccd::binned_signal(int x, int y, int bx, int by) {
-  double electrons = 0;
-  for (int j = 0; j < by; ++j)
-    for (int i = 0; i < bx; ++i) electrons += draws(expected(x + i, y + j)).charge(random_);
-  return std::min(electrons, kSerialWell) + scene_.read_noise * random_.normal();
+const float *Ccd::flux_row(int y) {
+  if (y < 0 || y >= chip_.height) return nullptr;
+  if (y != row_y_) {
+    flux_.row(y, row_.data());
+    row_y_ = y;
+  }
+  return row_.data();
+}
+
+void Ccd::binned_row(int x, int y, int count, int bx, int by, uint32_t *out) {
+  sums_.assign(size_t(count), 0.0);
+  for (int j = 0; j < by; ++j) {
+    const float *flux = flux_row(y + j);
+    for (int n = 0; n < count; ++n)
+      for (int i = 0; i < bx; ++i)
+        sums_[size_t(n)] += draws(expected(flux, x + n * bx + i)).charge(random_);
+  }
+  for (int n = 0; n < count; ++n)
+    out[n] =
+        convert(std::min(sums_[size_t(n)], kSerialWell) + scene_.read_noise * random_.normal());
 }
 
 inline uint32_t Ccd::convert(double signal) const {
@@ -92,14 +109,13 @@ inline uint32_t Ccd::convert(double signal) const {
 
 void Ccd::read_row(int x, int y, int count, int bx, int by, uint32_t *out) {
   if (scene_.kind == SceneKind::coordinates) return coordinate_row(x, y, count, bx, by, out);
-  if (bx == 1 && by == 1) {
-    // The generator's state as a local, which the compiler keeps in registers.
-    Random random = random_;
-    for (int n = 0; n < count; ++n) out[n] = convert(draws(expected(x + n, y)).lone_signal(random));
-    random_ = random;
-    return;
-  }
-  for (int n = 0; n < count; ++n, x += bx) out[n] = convert(binned_signal(x, y, bx, by));
+  if (bx > 1 || by > 1) return binned_row(x, y, count, bx, by, out);
+  const float *flux = flux_row(y);
+  // The generator's state as a local, which the compiler keeps in registers.
+  Random random = random_;
+  for (int n = 0; n < count; ++n)
+    out[n] = convert(draws(expected(flux, x + n)).lone_signal(random));
+  random_ = random;
 }
 
 namespace {

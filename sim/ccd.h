@@ -71,14 +71,17 @@ class Ccd {
 
  private:
   void coordinate_row(int x, int y, int count, int bx, int by, uint32_t *out) const;
-  // The sum of the unbinned pixels of a binned one whose first is (x, y), with read noise.
-  double binned_signal(int x, int y, int bx, int by);
+  // Binned pixels: the charge of their unbinned pixels summed row by row, then read noise.
+  void binned_row(int x, int y, int count, int bx, int by, uint32_t *out);
   // What the converter gives for a signal in electrons.
   uint32_t convert(double signal) const;
-  // Expected electrons in the unbinned pixel (x, y) of the lit area; 0 outside it.
-  double expected(int x, int y) const {
-    if (x < 0 || x >= active_ || y < 0 || y >= chip_.height) return 0;
-    return flux_[size_t(y) * size_t(active_) + size_t(x)] * light_seconds_ + dark_electrons_;
+  // Photons per second on unbinned row y's lit columns, kept while the same row is asked for;
+  // null for a row off the chip.
+  const float *flux_row(int y);
+  // Expected electrons in the unbinned pixel x of a row with `flux`; 0 off the lit area.
+  double expected(const float *flux, int x) const {
+    if (flux == nullptr || x < 0 || x >= active_) return 0;
+    return flux[x] * light_seconds_ + dark_electrons_;
   }
   // The draws for a mean. Most pixels of a frame see the same sky: a mean met twice running
   // becomes the background, with a table of its own, and stars come and go in `last_`.
@@ -94,7 +97,10 @@ class Ccd {
 
   ChipSetup chip_;
   SceneSettings scene_;
-  const float *flux_ = nullptr;
+  SceneFlux flux_;
+  std::vector<float> row_;     // flux_row's row
+  int row_y_ = -1;             // and which it is; -1: none yet
+  std::vector<double> sums_;   // binned_row's charges
   int active_ = 1;             // columns that see light
   double light_seconds_ = 0;   // the shutter was open this long
   double dark_electrons_ = 0;  // the dark charge every pixel gathered this frame

@@ -72,32 +72,59 @@ bool scene_kind_of(const char *name, SceneKind *kind) {
   return false;
 }
 
-const std::vector<float> &scene_flux(const SceneSettings &s, int width, int height) {
-  static std::vector<float> map;
-  static SceneKind kind = SceneKind::dark;
-  static uint32_t seed = 0;
-  static int w = -1, h = -1;
-  if (s.kind == kind && s.seed == seed && width == w && height == h) return map;
-  kind = s.kind;
-  seed = s.seed;
-  w = width;
-  h = height;
-  map.assign(static_cast<size_t>(width) * static_cast<size_t>(height), 0.0f);
-  if (s.kind == SceneKind::flat) std::fill(map.begin(), map.end(), float(kFlat));
-  if (s.kind != SceneKind::starfield) return map;
-  std::fill(map.begin(), map.end(), float(kSky));
-  for (const Star &star : stars(s.seed, width, height)) {
+void SceneFlux::prepare(const SceneSettings &s, int width, int height) {
+  width = std::max(width, 0);
+  height = std::max(height, 0);
+  if (s.kind == kind_ && s.seed == seed_ && width == width_ && height == height_) return;
+  kind_ = s.kind;
+  seed_ = s.seed;
+  width_ = width;
+  height_ = height;
+  level_ = s.kind == SceneKind::flat        ? float(kFlat)
+           : s.kind == SceneKind::starfield ? float(kSky)
+                                            : 0;
+  patches_.clear();
+  first_.assign(size_t(height_) + 1, 0);
+  on_row_.clear();
+  if (s.kind != SceneKind::starfield) return;
+  for (const Star &star : stars(s.seed, width_, height_)) {
     const double w2 = star.width * star.width, reach = 5.0 * star.width;
-    for (int y = std::max(0, int(star.y - reach)); y < std::min(height, int(star.y + reach) + 1);
-         ++y)
-      for (int x = std::max(0, int(star.x - reach)); x < std::min(width, int(star.x + reach) + 1);
-           ++x) {
-        const double dx = x + 0.5 - star.x, dy = y + 0.5 - star.y;
-        map[size_t(y) * size_t(width) + size_t(x)] +=
-            float(star.flux / (2.0 * M_PI * w2) * std::exp(-(dx * dx + dy * dy) / (2.0 * w2)));
+    Patch p;
+    p.x0 = std::max(0, int(star.x - reach));
+    p.y0 = std::max(0, int(star.y - reach));
+    const int x1 = std::min(width_, int(star.x + reach) + 1);
+    const int y1 = std::min(height_, int(star.y + reach) + 1);
+    if (x1 <= p.x0 || y1 <= p.y0) continue;
+    p.peak = float(star.flux / (2.0 * M_PI * w2));
+    auto profile = [w2](int from, int to, double centre, std::vector<float> *out) {
+      for (int i = from; i < to; ++i) {
+        const double d = i + 0.5 - centre;
+        out->push_back(float(std::exp(-d * d / (2.0 * w2))));
       }
+    };
+    profile(p.x0, x1, star.x, &p.across);
+    profile(p.y0, y1, star.y, &p.down);
+    for (int y = p.y0; y < y1; ++y) ++first_[size_t(y) + 1];
+    patches_.push_back(std::move(p));
   }
-  return map;
+  for (size_t y = 1; y < first_.size(); ++y) first_[y] += first_[y - 1];
+  on_row_.resize(first_.back());
+  std::vector<uint32_t> filled(first_.begin(), first_.end() - 1);
+  for (size_t i = 0; i < patches_.size(); ++i)
+    for (size_t j = 0; j < patches_[i].down.size(); ++j)
+      on_row_[filled[size_t(patches_[i].y0) + j]++] = uint32_t(i);
+}
+
+void SceneFlux::row(int y, float *out) const {
+  const bool on_chip = y >= 0 && y < height_;
+  std::fill(out, out + width_, on_chip ? level_ : 0.0f);
+  if (!on_chip) return;
+  for (uint32_t k = first_[size_t(y)]; k < first_[size_t(y) + 1]; ++k) {
+    const Patch &p = patches_[on_row_[k]];
+    const float scale = p.peak * p.down[size_t(y - p.y0)];
+    float *to = out + p.x0;
+    for (size_t i = 0; i < p.across.size(); ++i) to[i] += scale * p.across[i];
+  }
 }
 
 }  // namespace tvx::sim

@@ -34,8 +34,30 @@ inline uint16_t coordinate_second(uint16_t first) {
   return static_cast<uint16_t>(~first);
 }
 
-// Photons per second on each unbinned pixel of a chip `width` x `height`, row by row; made once
-// for a scene, seed and chip and kept.
-const std::vector<float> &scene_flux(const SceneSettings &s, int width, int height);
+// Photons per second on the unbinned pixels of a chip, made a row at a time as the readout asks
+// for it: a frame of a large chip is not worth a whole map of them in memory.
+class SceneFlux {
+ public:
+  // For a scene and a chip `width` x `height`. The stars of a seed and chip are placed once.
+  void prepare(const SceneSettings &s, int width, int height);
+  // Row y's pixels 0 .. width - 1 into `out`; a row off the chip sees nothing.
+  void row(int y, float *out) const;
+
+ private:
+  // A star's light on the box of pixels it reaches: its brightness at the centre, times a
+  // profile along the row and one along the column (a round Gaussian is the product of two).
+  struct Patch {
+    int x0, y0;
+    float peak;
+    std::vector<float> across, down;
+  };
+  float level_ = 0;  // on every pixel: the sky, or the flat field
+  SceneKind kind_ = SceneKind::dark;
+  uint32_t seed_ = 0;
+  int width_ = -1, height_ = -1;
+  std::vector<Patch> patches_;
+  // The patches that reach each row: first_[y] .. first_[y + 1] - 1 in `on_row_`.
+  std::vector<uint32_t> first_, on_row_;
+};
 
 }  // namespace tvx::sim
