@@ -747,26 +747,30 @@ void CameraServer::begin_frame() {
   std::copy(k, k + 3, format.constants);
   format.seed = static_cast<uint32_t>(s.readouts * 31 + s.frames_sent);
   // The CCD reads its pixels as the encoder asks for them, a host pixel block at a time.
-  const std::vector<Run> runs = frame_runs();
+  runs_ = frame_runs();
   size_t count = 0;
-  for (const Run &r : runs) count += size_t(r.count);
-  const int bx = std::max(s.xbin, 1), by = std::max(s.ybin, 1);
-  size_t run = 0, done = 0;  // the run being read, and its pixels read so far
-  auto read = [&](uint32_t *out, size_t n) {
-    while (n > 0) {
-      const Run &r = runs[run];
-      const size_t piece = std::min(n, size_t(r.count) - done);
-      ccd_.read_row(r.x + int(done) * bx, r.y, int(piece), bx, by, out);
-      out += piece;
-      n -= piece;
-      done += piece;
-      if (done == size_t(r.count)) ++run, done = 0;
-    }
-  };
-  encode_frame(read, count, format, stream_fault, &words_, &block_ends_);
+  for (const Run &r : runs_) count += size_t(r.count);
+  run_ = run_done_ = 0;
+  encoder_.start([this](uint32_t *out, size_t n) { read_runs(out, n); }, count, format,
+                 stream_fault);
+  encoder_.next(&words_, &block_ends_);
   sent_ = released_ = next_block_ = 0;
+  frame_base_ = 0;
   frame_started_ = now;
   frame_open_ = true;
+}
+
+void CameraServer::read_runs(uint32_t *out, size_t n) {
+  const int bx = std::max(state_.xbin, 1), by = std::max(state_.ybin, 1);
+  while (n > 0) {
+    const Run &r = runs_[run_];
+    const size_t piece = std::min(n, size_t(r.count) - run_done_);
+    ccd_.read_row(r.x + int(run_done_) * bx, r.y, int(piece), bx, by, out);
+    out += piece;
+    n -= piece;
+    run_done_ += piece;
+    if (run_done_ == size_t(r.count)) ++run_, run_done_ = 0;
+  }
 }
 
 bool CameraServer::stream_next(WORD &item) {
@@ -781,16 +785,22 @@ bool CameraServer::stream_next(WORD &item) {
     if (static_cast<int32_t>(now - frame_at_) < 0) return false;
     begin_frame();
   }
-  // Blocks go out whole: in real time each when its last pixel has been read.
-  while (next_block_ < block_ends_.size() &&
-         (words_per_cs_ == 0 ||
-          static_cast<double>(block_ends_[next_block_]) <= (now - frame_started_) * words_per_cs_))
-    released_ = block_ends_[next_block_++];
-  if (sent_ < released_) {
-    item = words_[sent_++];
-    return true;
+  for (;;) {
+    // Blocks go out whole: in real time each when its last pixel has been read.
+    while (next_block_ < block_ends_.size() &&
+           (words_per_cs_ == 0 || static_cast<double>(frame_base_ + block_ends_[next_block_]) <=
+                                      (now - frame_started_) * words_per_cs_))
+      released_ = block_ends_[next_block_++];
+    if (sent_ < released_) {
+      item = words_[sent_++];
+      return true;
+    }
+    if (sent_ < words_.size() || next_block_ < block_ends_.size()) return false;
+    // This pixel block's words are out: the next one's, while the frame has more.
+    frame_base_ += words_.size();
+    if (!encoder_.next(&words_, &block_ends_)) break;
+    sent_ = released_ = next_block_ = 0;
   }
-  if (sent_ < words_.size() || next_block_ < block_ends_.size()) return false;
   // The frame is out.
   frame_open_ = false;
   ++state_.frames_sent;

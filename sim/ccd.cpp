@@ -192,62 +192,71 @@ int multiple_of(int mode) {
 
 }  // namespace
 
-void encode_frame(const PixelSource &pixels, size_t count, const StreamFormat &f,
-                  const StreamFault &fault, std::vector<uint16_t> *words,
-                  std::vector<size_t> *block_ends) {
+void FrameEncoder::start(PixelSource pixels, size_t count, const StreamFormat &format,
+                         const StreamFault &fault) {
+  pixels_ = std::move(pixels);
+  count_ = count;
+  done_ = sent_ = 0;
+  format_ = format;
+  fault_ = fault;
+  const size_t raster_words = size_t(format.raster_pixels) * size_t(format.words_per_pixel);
+  const size_t rasters = std::max<size_t>(kHostBlockBytes / (raster_words * 2), 1);
+  host_pixels_ = rasters * size_t(format.raster_pixels);
+  state_ = format.seed * 747796405u + 2891336453u;
+  first_ = true;
+  broken_ = false;
+}
+
+size_t FrameEncoder::next_size(size_t left) {
+  const size_t multiple = size_t(multiple_of(format_.data_mode));
+  state_ = state_ * 1664525u + 1013904223u;
+  const size_t most = std::min<size_t>(30 / multiple * multiple, left);
+  if (most < multiple) return left;  // a remnant the host will refuse, as it must
+  return (1 + (state_ >> 16) % (most / multiple)) * multiple;
+}
+
+bool FrameEncoder::next(std::vector<uint16_t> *words, std::vector<size_t> *block_ends) {
   words->clear();
   block_ends->clear();
-  const size_t raster_words = size_t(f.raster_pixels) * size_t(f.words_per_pixel);
-  const size_t rasters = std::max<size_t>(kHostBlockBytes / (raster_words * 2), 1);
-  const size_t host_pixels = rasters * size_t(f.raster_pixels);
-  const size_t multiple = size_t(multiple_of(f.data_mode));
-  uint32_t state = f.seed * 747796405u + 2891336453u;
-  auto next_size = [&state, multiple](size_t left) {
-    state = state * 1664525u + 1013904223u;
-    const size_t most = std::min<size_t>(30 / multiple * multiple, left);
-    if (most < multiple) return left;  // a remnant the host will refuse, as it must
-    return (1 + (state >> 16) % (most / multiple)) * multiple;
-  };
-  // A frame takes its pixels' words and a word for each block, which holds 15 or so.
-  words->reserve(count * size_t(f.words_per_pixel) * 9 / 8 + 64);
-  // One pixel block of the host's at a time: its pixels, its output words, and its words on the
-  // wire.
-  std::vector<uint32_t> block(host_pixels);
-  std::vector<uint16_t> out, wire, again;
-  bool first = true;
-  for (size_t start = 0; start < count; start += host_pixels) {
-    const size_t n = std::min(host_pixels, count - start);
-    pixels(block.data(), n);
-    output_words(block.data(), n, f.words_per_pixel, &out);
-    // Wire words the host counts for this pixel block: its size in output words. Mode 18 sends
-    // four wire words per three pixels.
-    wire.clear();
-    encode(f, out.data(), f.data_mode == 18 ? out.size() / 4 * 3 : out.size(), 0, &wire);
-    wire.resize(out.size(), 0);
-    size_t at = 0;
-    while (at < wire.size()) {
-      size_t size = next_size(wire.size() - at);
-      if (first && fault.block_size >= 0) size = size_t(fault.block_size);
-      first = false;
-      if (f.data_mode == 9) {
-        // Mode 9 offsets the odd places of each block: encode the block in place again.
-        again.clear();
-        encode(f, out.data() + at, std::min(size, out.size() - at), 0, &again);
-        std::copy(again.begin(), again.end(), wire.begin() + long(at));
-      }
-      words->push_back(static_cast<uint16_t>(size));
-      const size_t sent = std::min(size, wire.size() - at);
-      words->insert(words->end(), wire.begin() + long(at), wire.begin() + long(at + sent));
-      words->resize(words->size() + (size - sent), 0);  // a spoilt size runs past the data
-      at += size;
-      block_ends->push_back(words->size());
+  if (done_ >= count_ || broken_) return false;
+  const StreamFormat &f = format_;
+  const size_t n = std::min(host_pixels_, count_ - done_);
+  block_.resize(n);
+  pixels_(block_.data(), n);
+  done_ += n;
+  output_words(block_.data(), n, f.words_per_pixel, &out_);
+  // Wire words the host counts for this pixel block: its size in output words. Mode 18 sends
+  // four wire words per three pixels.
+  wire_.clear();
+  encode(f, out_.data(), f.data_mode == 18 ? out_.size() / 4 * 3 : out_.size(), 0, &wire_);
+  wire_.resize(out_.size(), 0);
+  for (size_t at = 0; at < wire_.size();) {
+    size_t size = next_size(wire_.size() - at);
+    if (first_ && fault_.block_size >= 0) size = size_t(fault_.block_size);
+    first_ = false;
+    if (f.data_mode == 9) {
+      // Mode 9 offsets the odd places of each block: encode the block in place again.
+      again_.clear();
+      encode(f, out_.data() + at, std::min(size, out_.size() - at), 0, &again_);
+      std::copy(again_.begin(), again_.end(), wire_.begin() + long(at));
     }
-  }
-  if (fault.stop_after >= 0 && size_t(fault.stop_after) < words->size()) {
-    words->resize(size_t(fault.stop_after));
-    while (!block_ends->empty() && block_ends->back() > words->size()) block_ends->pop_back();
+    words->push_back(static_cast<uint16_t>(size));
+    const size_t taken = std::min(size, wire_.size() - at);
+    words->insert(words->end(), wire_.begin() + long(at), wire_.begin() + long(at + taken));
+    words->resize(words->size() + (size - taken), 0);  // a spoilt size runs past the data
+    at += size;
     block_ends->push_back(words->size());
   }
+  // A stream that breaks off ends inside this pixel block: its last block is cut short there.
+  const size_t stop = size_t(fault_.stop_after);
+  if (fault_.stop_after >= 0 && stop < sent_ + words->size()) {
+    words->resize(stop - sent_);
+    while (!block_ends->empty() && block_ends->back() > words->size()) block_ends->pop_back();
+    block_ends->push_back(words->size());
+    broken_ = true;
+  }
+  sent_ += words->size();
+  return true;
 }
 
 }  // namespace tvx::sim

@@ -127,10 +127,31 @@ struct StreamFault {
 // The next `n` pixels of a frame in readout order.
 using PixelSource = std::function<void(uint32_t *out, size_t n)>;
 
-// Encodes a frame's `count` pixels, taken from `pixels` in readout order, into the words of the
-// stream. `block_ends` gets the index one past each block, so that a block can be released whole.
-void encode_frame(const PixelSource &pixels, size_t count, const StreamFormat &format,
-                  const StreamFault &fault, std::vector<uint16_t> *words,
-                  std::vector<size_t> *block_ends);
+// Encodes a frame's pixels, taken from a source in readout order, into the words of the stream,
+// one of the host's pixel blocks at a time as the link takes them: a frame of a large chip is
+// never whole in memory.
+class FrameEncoder {
+ public:
+  void start(PixelSource pixels, size_t count, const StreamFormat &format,
+             const StreamFault &fault);
+  // The next pixel block's words into `words`, and the index in them one past each of its blocks
+  // into `block_ends`; false, with both empty, when the frame has no more.
+  bool next(std::vector<uint16_t> *words, std::vector<size_t> *block_ends);
+
+ private:
+  size_t next_size(size_t left);
+
+  PixelSource pixels_;
+  size_t count_ = 0, done_ = 0;  // the frame's pixels, and those encoded
+  size_t host_pixels_ = 1;       // pixels of a full host pixel block
+  StreamFormat format_;
+  StreamFault fault_;
+  uint32_t state_ = 0;   // the block sizes' generator
+  bool first_ = true;    // the frame's first block is still to come
+  size_t sent_ = 0;      // words of the frame encoded so far
+  bool broken_ = false;  // the stream broke off as the fault asked
+  std::vector<uint32_t> block_;
+  std::vector<uint16_t> out_, wire_, again_;
+};
 
 }  // namespace tvx::sim
