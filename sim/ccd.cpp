@@ -26,11 +26,17 @@ uint16_t to_level(double levels) {
 // and the charge lies far from zero and from the full well, so that neither clamp could act.
 const double kOneDrawBelow = kFullWell - 8.0 * std::sqrt(kFullWell);
 
-void ChargeDraws::prepare(double mean, double read_noise, bool table) {
+void ChargeDraws::prepare(double mean, double read_noise, bool table, const ChargeDraws *near) {
   mean_ = mean;
   read_noise_ = read_noise;
   tabled_ = table && mean < kExactPoissonBelow;
-  if (mean < kExactPoissonBelow) {
+  const double d = near != nullptr ? mean - near->mean_ : 1.0;
+  if (near != nullptr && mean < kExactPoissonBelow && near->mean_ >= 0 &&
+      near->mean_ < kExactPoissonBelow && std::fabs(d) < 1e-3) {
+    // The faint wings of a star lift the sky by a trace: exp(-mean) from the sky's, by a series
+    // whose first omitted term, d^5 / 120, lies below a double's precision.
+    exp_minus_ = near->exp_minus_ * (1.0 - d * (1.0 - d * (0.5 - d * (1.0 / 6.0 - d / 24.0))));
+  } else if (mean < kExactPoissonBelow) {
     exp_minus_ = std::exp(-std::max(mean, 0.0));
     if (tabled_) table_.build(std::max(mean, 0.0));
   } else {
@@ -46,10 +52,10 @@ inline double ChargeDraws::charge(Random &random) const {
   return std::clamp(mean_ + root_ * random.normal(), 0.0, kFullWell);
 }
 
-inline double ChargeDraws::lone_signal(Random &random) const {
+inline double ChargeDraws::lone_signal(Random &random, Random &noise) const {
   if (mean_ >= kExactPoissonBelow && mean_ < kOneDrawBelow)
-    return mean_ + root_with_read_ * random.normal();
-  return charge(random) + read_noise_ * random.normal();
+    return mean_ + root_with_read_ * noise.normal();
+  return charge(random) + read_noise_ * noise.normal();
 }
 
 void Ccd::begin_frame(const ChipSetup &chip, const Charge &charge, uint32_t frame) {
@@ -65,6 +71,7 @@ void Ccd::begin_frame(const ChipSetup &chip, const Charge &charge, uint32_t fram
                     charge.dark_seconds;
   levels_per_electron_ = 1.0 / chip.electrons_per_level;
   random_.reseed(uint64_t{scene_.seed} << 32 | frame);
+  noise_.reseed(~(uint64_t{scene_.seed} << 32 | frame));
   background_ = last_ = ChargeDraws();
 }
 
@@ -95,8 +102,7 @@ void Ccd::binned_row(int x, int y, int count, int bx, int by, uint32_t *out) {
         sums_[size_t(n)] += draws(expected(flux, x + n * bx + i)).charge(random_);
   }
   for (int n = 0; n < count; ++n)
-    out[n] =
-        convert(std::min(sums_[size_t(n)], kSerialWell) + scene_.read_noise * random_.normal());
+    out[n] = convert(std::min(sums_[size_t(n)], kSerialWell) + scene_.read_noise * noise_.normal());
 }
 
 inline uint32_t Ccd::convert(double signal) const {
@@ -111,11 +117,12 @@ void Ccd::read_row(int x, int y, int count, int bx, int by, uint32_t *out) {
   if (scene_.kind == SceneKind::coordinates) return coordinate_row(x, y, count, bx, by, out);
   if (bx > 1 || by > 1) return binned_row(x, y, count, bx, by, out);
   const float *flux = flux_row(y);
-  // The generator's state as a local, which the compiler keeps in registers.
-  Random random = random_;
+  // The generators' states as locals, which the compiler keeps in registers.
+  Random random = random_, noise = noise_;
   for (int n = 0; n < count; ++n)
-    out[n] = convert(draws(expected(flux, x + n)).lone_signal(random));
+    out[n] = convert(draws(expected(flux, x + n)).lone_signal(random, noise));
   random_ = random;
+  noise_ = noise;
 }
 
 namespace {

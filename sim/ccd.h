@@ -42,13 +42,14 @@ struct Charge {
 // roots for the normal approximation, and for a charge that many pixels share, a table.
 class ChargeDraws {
  public:
-  void prepare(double mean, double read_noise, bool table);
+  // `near`, when given, is the draws of a mean this one may lie close to.
+  void prepare(double mean, double read_noise, bool table, const ChargeDraws *near = nullptr);
   double mean() const { return mean_; }
   // Electrons in an unbinned pixel: Poisson, exact for small means and normal for large ones,
   // never below zero nor above the full well.
   double charge(Random &random) const;
-  // Electrons and read noise of an unbinned pixel read alone.
-  double lone_signal(Random &random) const;
+  // Electrons and read noise of an unbinned pixel read alone, the noise from `noise`.
+  double lone_signal(Random &random, Random &noise) const;
 
  private:
   double mean_ = -1, read_noise_ = 0;
@@ -88,7 +89,7 @@ class Ccd {
   const ChargeDraws &draws(double mean) {
     if (mean == background_.mean()) return background_;
     if (mean != last_.mean()) {
-      last_.prepare(mean, scene_.read_noise, false);
+      last_.prepare(mean, scene_.read_noise, false, &background_);
       return last_;
     }
     background_.prepare(mean, scene_.read_noise, true);
@@ -105,7 +106,9 @@ class Ccd {
   double light_seconds_ = 0;   // the shutter was open this long
   double dark_electrons_ = 0;  // the dark charge every pixel gathered this frame
   double levels_per_electron_ = 1;
-  Random random_;
+  // Charge and read noise come from generators of their own, whose draws a pixel can make side
+  // by side.
+  Random random_, noise_;
   ChargeDraws background_, last_;
 };
 

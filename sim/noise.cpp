@@ -6,9 +6,9 @@ namespace tvx::sim {
 
 namespace {
 
-// Where the tail of the 128 layers begins, and the area of each layer.
-constexpr double kR = 3.442619855899;
-constexpr double kArea = 9.91256303526217e-3;
+// Where the tail of the 256 layers begins, and the area of each layer.
+constexpr double kR = 3.6541528853610088;
+constexpr double kArea = 4.92867323399e-3;
 
 // 1/k for the Poisson search, which would otherwise divide once a step.
 struct Reciprocals {

@@ -12,7 +12,7 @@ namespace tvx::sim {
 // The ziggurat of kZigguratLayers layers under the unnormalised density f(x) = exp(-x^2 / 2):
 // layer i is a box of half-width x[i] between heights f(x[i]) and f(x[i + 1]), all of equal area.
 // Layer 0 is the base: a box to x[1] and the tail beyond it, taken as one box of half-width x[0].
-constexpr int kZigguratLayers = 128;
+constexpr int kZigguratLayers = 256;
 struct Ziggurat {
   Ziggurat();
   double x[kZigguratLayers + 1];
