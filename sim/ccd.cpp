@@ -138,10 +138,9 @@ void output_words(const uint32_t *pixels, size_t count, int words_per_pixel,
   }
 }
 
-// Words on the wire for `n` output words starting at `o`, `position` the first word's place in
-// its block (data mode 9 offsets the odd places).
-void encode(const StreamFormat &f, const uint16_t *o, size_t n, size_t position,
-            std::vector<uint16_t> *w) {
+// Words on the wire for `n` output words starting at `o`, the first of them at the start of a
+// block (data mode 9 offsets the odd places of a block).
+void encode(const StreamFormat &f, const uint16_t *o, size_t n, std::vector<uint16_t> *w) {
   const auto k = f.constants;
   auto sub = [](uint16_t v, int16_t c) { return static_cast<uint16_t>(v - uint16_t(c)); };
   auto hi = [](uint16_t v) { return static_cast<uint16_t>(v >> 8); };
@@ -151,8 +150,7 @@ void encode(const StreamFormat &f, const uint16_t *o, size_t n, size_t position,
       for (size_t i = 0; i < n; ++i) w->push_back(swapped(o[i]));
       return;
     case 9:
-      for (size_t i = 0; i < n; ++i)
-        w->push_back(swapped((position + i) % 2 == 1 ? sub(o[i], k[0]) : o[i]));
+      for (size_t i = 0; i < n; ++i) w->push_back(swapped(i % 2 == 1 ? sub(o[i], k[0]) : o[i]));
       return;
     case 5:
       for (size_t i = 0; i + 1 < n; i += 2) {
@@ -232,24 +230,28 @@ bool FrameEncoder::next(std::vector<uint16_t> *words, std::vector<size_t> *block
   pixels_(block_.data(), n);
   done_ += n;
   output_words(block_.data(), n, f.words_per_pixel, &out_);
-  // Wire words the host counts for this pixel block: its size in output words. Mode 18 sends
-  // four wire words per three pixels.
-  wire_.clear();
-  encode(f, out_.data(), f.data_mode == 18 ? out_.size() / 4 * 3 : out_.size(), 0, &wire_);
-  wire_.resize(out_.size(), 0);
-  for (size_t at = 0; at < wire_.size();) {
-    size_t size = next_size(wire_.size() - at);
+  // Wire words the host counts for this pixel block: its size in output words. Where a wire
+  // word carries one output word, each block is encoded as it goes out (mode 9 offsets the odd
+  // places of each block); modes that pack words in groups are encoded whole first, so that a
+  // spoilt block size cuts a group as it would on the wire. Mode 18 sends four wire words per
+  // three pixels.
+  const bool by_block = multiple_of(f.data_mode) == 1;
+  if (!by_block) {
+    wire_.clear();
+    encode(f, out_.data(), f.data_mode == 18 ? out_.size() / 4 * 3 : out_.size(), &wire_);
+    wire_.resize(out_.size(), 0);
+  }
+  words->reserve(out_.size() * 9 / 8 + 8);
+  for (size_t at = 0; at < out_.size();) {
+    size_t size = next_size(out_.size() - at);
     if (first_ && fault_.block_size >= 0) size = size_t(fault_.block_size);
     first_ = false;
-    if (f.data_mode == 9) {
-      // Mode 9 offsets the odd places of each block: encode the block in place again.
-      again_.clear();
-      encode(f, out_.data() + at, std::min(size, out_.size() - at), 0, &again_);
-      std::copy(again_.begin(), again_.end(), wire_.begin() + long(at));
-    }
     words->push_back(static_cast<uint16_t>(size));
-    const size_t taken = std::min(size, wire_.size() - at);
-    words->insert(words->end(), wire_.begin() + long(at), wire_.begin() + long(at + taken));
+    const size_t taken = std::min(size, out_.size() - at);
+    if (by_block)
+      encode(f, out_.data() + at, taken, words);
+    else
+      words->insert(words->end(), wire_.begin() + long(at), wire_.begin() + long(at + taken));
     words->resize(words->size() + (size - taken), 0);  // a spoilt size runs past the data
     at += size;
     block_ends->push_back(words->size());

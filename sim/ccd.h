@@ -154,7 +154,7 @@ class FrameEncoder {
   size_t sent_ = 0;      // words of the frame encoded so far
   bool broken_ = false;  // the stream broke off as the fault asked
   std::vector<uint32_t> block_;
-  std::vector<uint16_t> out_, wire_, again_;
+  std::vector<uint16_t> out_, wire_;
 };
 
 }  // namespace tvx::sim
