@@ -58,6 +58,54 @@ inline double ChargeDraws::lone_signal(Random &random, Random &noise) const {
   return charge(random) + read_noise_ * noise.normal();
 }
 
+bool LevelTable::build(double mean, double read_noise, double black, double levels_per_electron) {
+  // The signal in levels is a mixture of normal peaks: one for each count of a small mean, at
+  // that count's level, or one for a large mean, its charge and read noise together.
+  struct Peak {
+    double weight, centre, spread;
+  };
+  std::vector<Peak> peaks;
+  if (mean < kExactPoissonBelow) {
+    double p = std::exp(-mean), sum = 0;
+    for (int k = 0; sum < 1.0 - 1e-17 && k < 128; ++k) {
+      peaks.push_back({p, black + k * levels_per_electron, read_noise * levels_per_electron});
+      sum += p;
+      p *= mean / (k + 1);
+    }
+  } else if (mean < kOneDrawBelow) {
+    peaks.push_back({1.0, black + mean * levels_per_electron,
+                     std::sqrt(mean + read_noise * read_noise) * levels_per_electron});
+  } else {
+    return false;  // the full well clips these charges
+  }
+  // Levels beyond eight spreads of every peak never come up in a double's precision.
+  double low = peaks.front().centre - 8 * peaks.front().spread;
+  double high = peaks.back().centre + 8 * peaks.back().spread;
+  low = std::clamp(std::floor(low), 0.0, 65535.0);
+  high = std::clamp(std::ceil(high), 0.0, 65535.0);
+  if (high - low > 4096) return false;
+  first_ = int(low);
+  cumulative_.assign(size_t(high - low) + 1, 0.0);
+  for (size_t i = 0; i + 1 < cumulative_.size(); ++i) {
+    // A signal below first_ + i + 1/2 rounds to level first_ + i or below; below 0 it reads 0.
+    const double edge = first_ + double(i) + 0.5;
+    double sum = 0;
+    for (const Peak &p : peaks)
+      sum += p.weight * (p.spread > 0 ? 0.5 * std::erfc((p.centre - edge) / (p.spread * M_SQRT2))
+                         : p.centre < edge ? 1.0
+                                           : 0.0);
+    cumulative_[i] = sum;
+  }
+  cumulative_.back() = 1.0;
+  guide_.resize(std::min<size_t>(cumulative_.size() * 4, 1024));
+  size_t i = 0;
+  for (size_t j = 0; j < guide_.size(); ++j) {
+    while (cumulative_[i] <= double(j) / double(guide_.size())) ++i;
+    guide_[j] = uint32_t(i);
+  }
+  return true;
+}
+
 void Ccd::begin_frame(const ChipSetup &chip, const Charge &charge, uint32_t frame) {
   chip_ = chip;
   scene_ = scene_settings();
@@ -70,9 +118,19 @@ void Ccd::begin_frame(const ChipSetup &chip, const Charge &charge, uint32_t fram
                     std::pow(2.0, (charge.kelvin - kDarkReference) / kDarkDoubling) *
                     charge.dark_seconds;
   levels_per_electron_ = 1.0 / chip.electrons_per_level;
+  last_ = ChargeDraws();
+  const float level = flux_.level();
+  share(&background_, expected(&level, 0));
+  share(&covered_, 0.0);
   random_.reseed(uint64_t{scene_.seed} << 32 | frame);
   noise_.reseed(~(uint64_t{scene_.seed} << 32 | frame));
-  background_ = last_ = ChargeDraws();
+}
+
+void Ccd::share(Shared *shared, double mean) {
+  shared->draws.prepare(mean, scene_.read_noise, tables_);
+  shared->tabled =
+      tables_ && !chip_.two_channel &&
+      shared->levels.build(mean, scene_.read_noise, chip_.blacklevel, levels_per_electron_);
 }
 
 void Ccd::coordinate_row(int x, int y, int count, int bx, int by, uint32_t *out) const {
@@ -119,8 +177,7 @@ void Ccd::read_row(int x, int y, int count, int bx, int by, uint32_t *out) {
   const float *flux = flux_row(y);
   // The generators' states as locals, which the compiler keeps in registers.
   Random random = random_, noise = noise_;
-  for (int n = 0; n < count; ++n)
-    out[n] = convert(draws(expected(flux, x + n)).lone_signal(random, noise));
+  for (int n = 0; n < count; ++n) out[n] = lone_pixel(expected(flux, x + n), random, noise);
   random_ = random;
   noise_ = noise;
 }

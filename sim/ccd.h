@@ -60,6 +60,27 @@ class ChargeDraws {
   PoissonTable table_;
 };
 
+// The levels the converter gives for a lone pixel of one expected charge: its Poisson or normal
+// charge, the read noise, the rounding to a level and the converter's range, as one distribution
+// over levels. Made once for the charge most pixels of a frame share, so that such a pixel is one
+// uniform deviate and a lookup.
+class LevelTable {
+ public:
+  // False when the levels are too spread for a table, or the charge lies near the full well.
+  bool build(double mean, double read_noise, double black, double levels_per_electron);
+  uint16_t draw(Random &random) const {
+    const double u = random.uniform();
+    size_t i = guide_[static_cast<size_t>(u * double(guide_.size()))];
+    while (u >= cumulative_[i]) ++i;
+    return static_cast<uint16_t>(first_ + int(i));
+  }
+
+ private:
+  int first_ = 0;                   // the lowest level
+  std::vector<double> cumulative_;  // P(level <= first_ + i); the last is 1
+  std::vector<uint32_t> guide_;     // the least i with cumulative_[i] > j / guides
+};
+
 class Ccd {
  public:
   // A frame's noise is drawn from the scene's seed and the frame's number, pixel after pixel in
@@ -69,6 +90,9 @@ class Ccd {
   // two channels. The first binned pixel's first unbinned pixel is (x, y); each next one lies
   // `bx` columns further.
   void read_row(int x, int y, int count, int bx, int by, uint32_t *out);
+  // The tables of counts and levels for what many pixels share only save time: without them
+  // (from the next frame on) every pixel is drawn step by step, from the same distributions.
+  void use_tables(bool on) { tables_ = on; }
 
  private:
   void coordinate_row(int x, int y, int count, int bx, int by, uint32_t *out) const;
@@ -84,16 +108,28 @@ class Ccd {
     if (flux == nullptr || x < 0 || x >= active_) return 0;
     return flux[x] * light_seconds_ + dark_electrons_;
   }
-  // The draws for a mean. Most pixels of a frame see the same sky: a mean met twice running
-  // becomes the background, with a table of its own, and stars come and go in `last_`.
+  // What many pixels of a frame share: the draws of their mean and, for lone pixels of a
+  // single-channel converter, the table of the levels they read.
+  struct Shared {
+    ChargeDraws draws;
+    LevelTable levels;
+    bool tabled = false;
+  };
+  void share(Shared *shared, double mean);
+  // The draws for a mean: most pixels of a frame see the scene's level alone, covered columns
+  // gather nothing, and the pixels that stars reach come and go in `last_`.
   const ChargeDraws &draws(double mean) {
-    if (mean == background_.mean()) return background_;
-    if (mean != last_.mean()) {
-      last_.prepare(mean, scene_.read_noise, false, &background_);
-      return last_;
-    }
-    background_.prepare(mean, scene_.read_noise, true);
-    return background_;
+    if (mean == background_.draws.mean()) return background_.draws;
+    if (mean == 0) return covered_.draws;
+    if (mean != last_.mean()) last_.prepare(mean, scene_.read_noise, false, &background_.draws);
+    return last_;
+  }
+  // A lone pixel of this mean as the converter gives it.
+  uint32_t lone_pixel(double mean, Random &random, Random &noise) {
+    if (mean == background_.draws.mean() && background_.tabled)
+      return background_.levels.draw(random);
+    if (mean == 0 && covered_.tabled) return covered_.levels.draw(random);
+    return convert(draws(mean).lone_signal(random, noise));
   }
 
   ChipSetup chip_;
@@ -109,7 +145,9 @@ class Ccd {
   // Charge and read noise come from generators of their own, whose draws a pixel can make side
   // by side.
   Random random_, noise_;
-  ChargeDraws background_, last_;
+  Shared background_, covered_;
+  ChargeDraws last_;
+  bool tables_ = true;
 };
 
 // How the controller sends a frame.

@@ -42,6 +42,8 @@ class SceneFlux {
   void prepare(const SceneSettings &s, int width, int height);
   // Row y's pixels 0 .. width - 1 into `out`; a row off the chip sees nothing.
   void row(int y, float *out) const;
+  // What every pixel of the chip sees, and most see alone: the sky, or the flat field.
+  float level() const { return level_; }
 
  private:
   // A star's light on the box of pixels it reaches: its brightness at the centre, times a

@@ -1,7 +1,8 @@
 // The simulated CCD's noise against the model's own numbers: bias and read noise in levels, photon
 // counts that are Poisson (exactly so for small means), dark current that doubles every 6 K, and
 // binning that sums charge before one read. Each figure is checked over a million pixels, with
-// bounds of five standard errors of that many samples.
+// bounds of five standard errors of that many samples, and twice: with the tables the CCD keeps
+// for what many pixels share, and drawn pixel by pixel without them.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -41,7 +42,7 @@ struct Sample {
   }
 };
 
-class CcdNoise : public ::testing::Test {
+class CcdNoise : public ::testing::TestWithParam<bool> {
  protected:
   void SetUp() override { saved_ = scene_settings(); }
   void TearDown() override { set_scene_settings(saved_); }
@@ -63,6 +64,7 @@ class CcdNoise : public ::testing::Test {
     chip.blacklevel = kBias;
     chip.electrons_per_level = electrons_per_level;
     Ccd ccd;
+    ccd.use_tables(GetParam());
     ccd.begin_frame(chip, charge, 1);
     Sample lit, covered;
     std::vector<uint32_t> row(size_t(kColumns / bx));
@@ -89,14 +91,14 @@ class CcdNoise : public ::testing::Test {
 // Rounding to whole levels adds a twelfth of a level squared to any variance.
 constexpr double kRounding = 1.0 / 12.0;
 
-TEST_F(CcdNoise, BiasAndReadNoiseInLevels) {
+TEST_P(CcdNoise, BiasAndReadNoiseInLevels) {
   // Two levels an electron: 6.5 electrons of read noise are 13 levels.
   const auto [lit, covered] = read(SceneKind::dark, 6.5, 0.5, Charge{0, 0, 293.15});
   expect_moments(lit, kBias, 13.0 * 13.0 + kRounding);
   expect_moments(covered, kBias, 13.0 * 13.0 + kRounding);
 }
 
-TEST_F(CcdNoise, PhotonCountsArePoisson) {
+TEST_P(CcdNoise, PhotonCountsArePoisson) {
   // Small means are drawn exactly: the share of each count is the Poisson probability.
   for (double mean : {0.4, 5.0}) {
     SCOPED_TRACE("mean " + std::to_string(mean));
@@ -116,7 +118,7 @@ TEST_F(CcdNoise, PhotonCountsArePoisson) {
                  mean + 6.5 * 6.5 + kRounding);
 }
 
-TEST_F(CcdNoise, DarkCurrentDoublesEverySixKelvin) {
+TEST_P(CcdNoise, DarkCurrentDoublesEverySixKelvin) {
   // Ten seconds in the dark: 20 electrons at the reference temperature, 5 at 12 K below it.
   for (const auto &[kelvin, electrons] : std::map<double, double>{{293.15, 20.0}, {281.15, 5.0}}) {
     SCOPED_TRACE("at " + std::to_string(kelvin) + " K");
@@ -126,7 +128,7 @@ TEST_F(CcdNoise, DarkCurrentDoublesEverySixKelvin) {
   }
 }
 
-TEST_F(CcdNoise, BinningSumsChargeAndReadsOnce) {
+TEST_P(CcdNoise, BinningSumsChargeAndReadsOnce) {
   // 2 x 2 pixels of 5 electrons each: 20 electrons, with one read's noise.
   const auto [binned, covered] =
       read(SceneKind::flat, 6.5, 1.0, Charge{5.0 / kFlatPhotons, 0, 0}, 2, 2);
@@ -139,5 +141,8 @@ TEST_F(CcdNoise, BinningSumsChargeAndReadsOnce) {
   const Sample summed = read(SceneKind::flat, 0.0, 8.0, flood, 2, 2).first;
   EXPECT_EQ(summed.share(kBias + kSerialWell / 8), 1.0);
 }
+
+INSTANTIATE_TEST_SUITE_P(TablesAndStepByStep, CcdNoise, ::testing::Bool(),
+                         [](const auto &info) { return info.param ? "Tables" : "StepByStep"; });
 
 }  // namespace
