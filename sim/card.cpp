@@ -6,7 +6,6 @@ namespace tvx::sim {
 
 namespace {
 
-constexpr WORD kDataOffset = 0;
 constexpr WORD kStatusOffset = 2;
 constexpr WORD kControlOffset = 4;
 constexpr WORD kFloating = 0xFFFF;
@@ -30,10 +29,10 @@ Card::Card() : distant_(settings().controller_speed) {
   powered_ = !settings().power_off;
 }
 
-WORD Card::read(WORD offset) {
+WORD Card::read_register(WORD offset) {
   if (settings().card_absent) return kFloating;
   switch (offset) {
-    case kDataOffset:
+    case kDataRegister:
       // The link refills the FIFO behind the host's reads; a status read shows it refilled, and
       // so does a data read that finds it empty, which is all the host can tell.
       if (rx_.empty()) step();
@@ -55,7 +54,7 @@ WORD Card::read(WORD offset) {
 void Card::write(WORD offset, WORD value) {
   if (settings().card_absent) return;
   switch (offset) {
-    case kDataOffset:
+    case kDataRegister:
       // A FIFO in reset, or full, loses what is written to it.
       if ((control_ & bits::kFifoReset) != 0) tx_.push(value);
       step();

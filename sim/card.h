@@ -20,6 +20,7 @@
 #include <cstdint>
 
 #include "sim/distant.h"
+#include "sim/settings.h"
 #include "tvx/types.h"
 
 namespace tvx::sim {
@@ -88,7 +89,16 @@ class Card {
 
   Card();
 
-  WORD read(WORD offset);
+  // A readout takes every pixel through the data register: that read is made here, where the
+  // port bus's call can take it without a call of its own.
+  WORD read(WORD offset) {
+    if (offset == kDataRegister && !rx_.empty() && !settings().card_absent) {
+      last_read_ = rx_.front();
+      rx_.pop();
+      return last_read_;
+    }
+    return read_register(offset);
+  }
   void write(WORD offset, WORD value);
 
   WORD control() const { return control_; }
@@ -104,6 +114,8 @@ class Card {
   void reconfigure();
 
  private:
+  static constexpr WORD kDataRegister = 0;
+  WORD read_register(WORD offset);
   WORD status();
   void set_control(WORD value);
   void step();
