@@ -3,6 +3,7 @@
 // exact and the moments are summed over levels rather than pixels.
 #include <cmath>
 #include <cstdio>
+#include <vector>
 
 #include "image/pixels.h"
 #include "tvx/report.h"
@@ -67,13 +68,22 @@ bool Histogram::build(HANDLE image, HANDLE region, const char *routine, bool six
   if (counts_ == nullptr) return false;
   RowCursor rows(img.rec(), img.blocks(), routine);
   bool is_signed = img->is_signed != 0;
+  // Neighbouring pixels of a picture mostly share a few levels, and counting one level twice in a
+  // row waits for the first count: alternate pixels go to two halves of the tally, which are
+  // added at the end.
+  std::vector<DWORD> other(static_cast<size_t>(levels_));
   for (INT32 i = 0; i < rect.height; ++i) {
     const BYTE *p = rows.row(rect.y + i);
     if (p == nullptr) return false;
     p += static_cast<size_t>(rect.x) * size;
-    for (INT32 c = 0; c < rect.width; ++c, p += size)
+    INT32 c = 0;
+    for (; c + 1 < rect.width; c += 2, p += 2 * size) {
       ++counts_[tvx::image::load_pixel(p, size, is_signed) + offset_];
+      ++other[tvx::image::load_pixel(p + size, size, is_signed) + offset_];
+    }
+    if (c < rect.width) ++counts_[tvx::image::load_pixel(p, size, is_signed) + offset_];
   }
+  for (INT32 level = 0; level < levels_; ++level) counts_[level] += other[size_t(level)];
   area_ = static_cast<double>(rect.width) * rect.height;
   return true;
 }
