@@ -204,11 +204,15 @@ void encode(const StreamFormat &f, const uint16_t *o, size_t n, std::vector<uint
   auto lo = [](uint16_t v) { return static_cast<uint16_t>(v & 0xFF); };
   switch (f.data_mode) {
     case 0:
-      for (size_t i = 0; i < n; ++i) w->push_back(swapped(o[i]));
+    case 9: {
+      // One wire word per output word; mode 9 offsets the odd places.
+      const size_t at = w->size();
+      w->resize(at + n);
+      uint16_t *to = w->data() + at;
+      const uint16_t odd = f.data_mode == 9 ? uint16_t(k[0]) : 0;
+      for (size_t i = 0; i < n; ++i) to[i] = swapped(static_cast<uint16_t>(o[i] - (i % 2) * odd));
       return;
-    case 9:
-      for (size_t i = 0; i < n; ++i) w->push_back(swapped(i % 2 == 1 ? sub(o[i], k[0]) : o[i]));
-      return;
+    }
     case 5:
       for (size_t i = 0; i + 1 < n; i += 2) {
         const uint16_t p0 = o[i], q1 = sub(o[i + 1], k[0]);
@@ -274,7 +278,15 @@ size_t FrameEncoder::next_size(size_t left) {
   state_ = state_ * 1664525u + 1013904223u;
   const size_t most = std::min<size_t>(30 / multiple * multiple, left);
   if (most < multiple) return left;  // a remnant the host will refuse, as it must
-  return (1 + (state_ >> 16) % (most / multiple)) * multiple;
+  // Most blocks may take any size up to the largest, whose count of choices is a constant the
+  // compiler divides by without a division.
+  const uint32_t r = state_ >> 16;
+  const size_t choices = most / multiple;
+  const size_t pick = choices == 30   ? r % 30
+                      : choices == 15 ? r % 15
+                      : choices == 7  ? r % 7
+                                      : r % choices;
+  return (1 + pick) * multiple;
 }
 
 bool FrameEncoder::next(std::vector<uint16_t> *words, std::vector<size_t> *block_ends) {
