@@ -83,36 +83,42 @@ void SceneFlux::prepare(const SceneSettings &s, int width, int height) {
   level_ = s.kind == SceneKind::flat        ? float(kFlat)
            : s.kind == SceneKind::starfield ? float(kSky)
                                             : 0;
-  patches_.clear();
+  profiles_.clear();
+  strokes_.clear();
   first_.assign(size_t(height_) + 1, 0);
-  on_row_.clear();
   if (s.kind != SceneKind::starfield) return;
+  // Each star's box: its profile along the row kept once, its rows' brightnesses for later.
+  struct Box {
+    int x0, count, y0;
+    uint32_t profile;
+    std::vector<float> down;
+  };
+  std::vector<Box> boxes;
   for (const Star &star : stars(s.seed, width_, height_)) {
     const double w2 = star.width * star.width, reach = 5.0 * star.width;
-    Patch p;
-    p.x0 = std::max(0, int(star.x - reach));
-    p.y0 = std::max(0, int(star.y - reach));
-    const int x1 = std::min(width_, int(star.x + reach) + 1);
-    const int y1 = std::min(height_, int(star.y + reach) + 1);
-    if (x1 <= p.x0 || y1 <= p.y0) continue;
-    p.peak = float(star.flux / (2.0 * M_PI * w2));
-    auto profile = [w2](int from, int to, double centre, std::vector<float> *out) {
-      for (int i = from; i < to; ++i) {
-        const double d = i + 0.5 - centre;
-        out->push_back(float(std::exp(-d * d / (2.0 * w2))));
-      }
+    const int x0 = std::max(0, int(star.x - reach)), x1 = std::min(width_, int(star.x + reach) + 1);
+    const int y0 = std::max(0, int(star.y - reach)),
+              y1 = std::min(height_, int(star.y + reach) + 1);
+    if (x1 <= x0 || y1 <= y0) continue;
+    const double peak = star.flux / (2.0 * M_PI * w2);
+    auto gauss = [w2](int i, double centre) {
+      const double d = i + 0.5 - centre;
+      return std::exp(-d * d / (2.0 * w2));
     };
-    profile(p.x0, x1, star.x, &p.across);
-    profile(p.y0, y1, star.y, &p.down);
-    for (int y = p.y0; y < y1; ++y) ++first_[size_t(y) + 1];
-    patches_.push_back(std::move(p));
+    Box box{x0, x1 - x0, y0, uint32_t(profiles_.size()), {}};
+    for (int x = x0; x < x1; ++x) profiles_.push_back(float(gauss(x, star.x)));
+    for (int y = y0; y < y1; ++y) {
+      box.down.push_back(float(peak * gauss(y, star.y)));
+      ++first_[size_t(y) + 1];
+    }
+    boxes.push_back(std::move(box));
   }
   for (size_t y = 1; y < first_.size(); ++y) first_[y] += first_[y - 1];
-  on_row_.resize(first_.back());
+  strokes_.resize(first_.back());
   std::vector<uint32_t> filled(first_.begin(), first_.end() - 1);
-  for (size_t i = 0; i < patches_.size(); ++i)
-    for (size_t j = 0; j < patches_[i].down.size(); ++j)
-      on_row_[filled[size_t(patches_[i].y0) + j]++] = uint32_t(i);
+  for (const Box &box : boxes)
+    for (size_t j = 0; j < box.down.size(); ++j)
+      strokes_[filled[size_t(box.y0) + j]++] = {box.x0, box.count, box.profile, box.down[j]};
 }
 
 void SceneFlux::row(int y, float *out) const {
@@ -120,10 +126,10 @@ void SceneFlux::row(int y, float *out) const {
   std::fill(out, out + width_, on_chip ? level_ : 0.0f);
   if (!on_chip) return;
   for (uint32_t k = first_[size_t(y)]; k < first_[size_t(y) + 1]; ++k) {
-    const Patch &p = patches_[on_row_[k]];
-    const float scale = p.peak * p.down[size_t(y - p.y0)];
-    float *to = out + p.x0;
-    for (size_t i = 0; i < p.across.size(); ++i) to[i] += scale * p.across[i];
+    const Stroke &s = strokes_[k];
+    const float *profile = profiles_.data() + s.profile;
+    float *to = out + s.x0;
+    for (int i = 0; i < s.count; ++i) to[i] += s.scale * profile[i];
   }
 }
 

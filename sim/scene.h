@@ -46,20 +46,22 @@ class SceneFlux {
   float level() const { return level_; }
 
  private:
-  // A star's light on the box of pixels it reaches: its brightness at the centre, times a
-  // profile along the row and one along the column (a round Gaussian is the product of two).
-  struct Patch {
-    int x0, y0;
-    float peak;
-    std::vector<float> across, down;
+  // A star's light on one row: on `count` pixels from x0, the star's profile along the row
+  // (profiles_ from `profile`) times its brightness on this row. A round Gaussian is the product
+  // of one profile along the row and one down the column.
+  struct Stroke {
+    int x0, count;
+    uint32_t profile;
+    float scale;
   };
   float level_ = 0;  // on every pixel: the sky, or the flat field
   SceneKind kind_ = SceneKind::dark;
   uint32_t seed_ = 0;
   int width_ = -1, height_ = -1;
-  std::vector<Patch> patches_;
-  // The patches that reach each row: first_[y] .. first_[y + 1] - 1 in `on_row_`.
-  std::vector<uint32_t> first_, on_row_;
+  std::vector<float> profiles_;
+  // The strokes of row y: first_[y] .. first_[y + 1] - 1, side by side as the rows are read.
+  std::vector<uint32_t> first_;
+  std::vector<Stroke> strokes_;
 };
 
 }  // namespace tvx::sim
