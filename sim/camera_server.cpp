@@ -769,7 +769,10 @@ void CameraServer::read_runs(uint32_t *out, size_t n) {
     out += piece;
     n -= piece;
     run_done_ += piece;
-    if (run_done_ == size_t(r.count)) ++run_, run_done_ = 0;
+    if (run_done_ == size_t(r.count)) {
+      ++run_;
+      run_done_ = 0;
+    }
   }
 }
 

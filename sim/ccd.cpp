@@ -30,19 +30,21 @@ void ChargeDraws::prepare(double mean, double read_noise, bool table, const Char
   mean_ = mean;
   read_noise_ = read_noise;
   tabled_ = table && mean < kExactPoissonBelow;
+  if (mean >= kExactPoissonBelow) {
+    root_ = std::sqrt(mean);
+    root_with_read_ = std::sqrt(mean + read_noise * read_noise);
+    return;
+  }
   const double d = near != nullptr ? mean - near->mean_ : 1.0;
-  if (near != nullptr && mean < kExactPoissonBelow && near->mean_ >= 0 &&
-      near->mean_ < kExactPoissonBelow && std::fabs(d) < 1e-3) {
+  if (near != nullptr && near->mean_ >= 0 && near->mean_ < kExactPoissonBelow &&
+      std::fabs(d) < 1e-3) {
     // The faint wings of a star lift the sky by a trace: exp(-mean) from the sky's, by a series
     // whose first omitted term, d^5 / 120, lies below a double's precision.
     exp_minus_ = near->exp_minus_ * (1.0 - d * (1.0 - d * (0.5 - d * (1.0 / 6.0 - d / 24.0))));
-  } else if (mean < kExactPoissonBelow) {
-    exp_minus_ = std::exp(-std::max(mean, 0.0));
-    if (tabled_) table_.build(std::max(mean, 0.0));
   } else {
-    root_ = std::sqrt(mean);
-    root_with_read_ = std::sqrt(mean + read_noise * read_noise);
+    exp_minus_ = std::exp(-std::max(mean, 0.0));
   }
+  if (tabled_) table_.build(std::max(mean, 0.0));
 }
 
 inline double ChargeDraws::charge(Random &random) const {
@@ -78,7 +80,8 @@ bool LevelTable::build(double mean, double read_noise, double black, double leve
   } else {
     return false;  // the full well clips these charges
   }
-  // Levels beyond eight spreads of every peak never come up in a double's precision.
+  // Levels beyond eight spreads of every peak are left out: together they would come up less
+  // than once in 10^15 pixels.
   double low = peaks.front().centre - 8 * peaks.front().spread;
   double high = peaks.back().centre + 8 * peaks.back().spread;
   low = std::clamp(std::floor(low), 0.0, 65535.0);

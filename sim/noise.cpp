@@ -49,7 +49,8 @@ void Random::reseed(uint64_t seed) {
 
 double Random::normal_edge(int layer, double u) {
   if (layer == 0) {
-    // Marsaglia's method for the tail beyond kR.
+    // The tail beyond kR: an exponential step past kR, kept where a second one says it lies
+    // under the normal curve.
     double a, b;
     do {
       a = -std::log(1.0 - uniform()) / kR;

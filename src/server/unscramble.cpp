@@ -94,8 +94,10 @@ bool replay(HANDLE scramble, HANDLE sequence, HANDLE shadow, const char *routine
             if (k > available - value)
               return fail(ERR_OUT_OF_RANGE, 0, routine, {kCauseMissing},
                           "ccd read sequence invalid");
-            // A row off the shadow fails as locking that raster fails.
-            if (row < 0 || row >= height) return image_lockraster(shadow, row) != nullptr;
+            if (row < 0 || row >= height) {
+              image_lockraster(shadow, row);  // a row off the shadow fails as its lock does
+              return false;
+            }
             BYTE *to = rows.row(row);
             if (to == nullptr) return false;
             // A read past the row's end would run into the next raster: clip what is copied.

@@ -55,14 +55,14 @@ thread_local MemoryFile memory;
 
 // Fresh memory costs a fault on each page when first written; asked for a whole range at once,
 // the kernel maps it for a third of that. Where the kernel cannot, the faults come as before.
-void prefault(void *memory, size_t size) {
+void prefault(void *start, size_t size) {
 #ifdef MADV_POPULATE_WRITE
   const auto page = uintptr_t(sysconf(_SC_PAGESIZE));
-  const uintptr_t from = (uintptr_t(memory) + page - 1) / page * page;
-  const uintptr_t to = (uintptr_t(memory) + size) / page * page;
+  const uintptr_t from = (uintptr_t(start) + page - 1) / page * page;
+  const uintptr_t to = (uintptr_t(start) + size) / page * page;
   if (to > from) madvise(reinterpret_cast<void *>(from), to - from, MADV_POPULATE_WRITE);
 #else
-  (void)memory;
+  (void)start;
   (void)size;
 #endif
 }
