@@ -228,6 +228,17 @@ bool CameraServer::next_output(WORD &item) {
   return true;
 }
 
+size_t CameraServer::next_outputs(WORD *items, size_t most) {
+  // A frame's released words go in one copy while no reply waits before them.
+  if (out_.empty() && ready_at_ == 0 && streaming_ && frame_open_ && sent_ < released_) {
+    const size_t n = std::min(most, released_ - sent_);
+    std::copy_n(words_.begin() + long(sent_), n, items);
+    sent_ += n;
+    return n;
+  }
+  return ControllerProgram::next_outputs(items, most);
+}
+
 int CameraServer::take_speed_change() {
   const int speed = speed_change_;
   speed_change_ = 0;
@@ -690,17 +701,18 @@ void CameraServer::start_stream(const Packet &request, bool sequence) {
   }
 }
 
-// Pixels of one frame in the order the controller reads them.
-std::vector<uint32_t> CameraServer::frame_pixels() {
+// The runs of one frame in the order the controller reads them: a run is `count` binned pixels of
+// a binned row whose first unbinned pixel is (x, y).
+std::vector<CameraServer::Run> CameraServer::frame_runs() {
   const CameraState &s = state_;
   const int bx = std::max(s.xbin, 1), by = std::max(s.ybin, 1);
-  std::vector<uint32_t> pixels;
+  std::vector<Run> runs;
+  auto read = [&](int x, int y, int count) {
+    if (count > 0) runs.push_back({x, y, count});
+  };
   if (!sequence_) {
-    pixels.reserve(size_t(std::max(s.region.width, 0)) * size_t(std::max(s.region.height, 0)));
-    for (int j = 0; j < s.region.height; ++j)
-      for (int i = 0; i < s.region.width; ++i)
-        pixels.push_back(ccd_.pixel(s.region.x + i * bx, s.region.y + j * by, bx, by));
-    return pixels;
+    for (int j = 0; j < s.region.height; ++j) read(s.region.x, s.region.y + j * by, s.region.width);
+    return runs;
   }
   // The sequence, entry by entry: binned rows shifted or skipped, pixels skipped or read.
   int row = -1, column = 0;
@@ -727,8 +739,7 @@ std::vector<uint32_t> CameraServer::frame_pixels() {
             column += value;
             break;
           case 2:
-            for (int i = 0; i < value; ++i)
-              pixels.push_back(ccd_.pixel((column + i) * bx, row * by, bx, by));
+            read(column * bx, row * by, value);
             column += value;
             break;
           case 4:
@@ -741,7 +752,7 @@ std::vector<uint32_t> CameraServer::frame_pixels() {
         }
       }
   }
-  return pixels;
+  return runs;
 }
 
 void CameraServer::begin_frame() {
@@ -771,29 +782,64 @@ void CameraServer::begin_frame() {
   const int16_t k[3] = {12, -7, 3};  // the converter's channel offsets, as control 50 reports
   std::copy(k, k + 3, format.constants);
   format.seed = static_cast<uint32_t>(s.readouts * 31 + s.frames_sent);
-  encode_frame(frame_pixels(), format, stream_fault, &words_, &block_ends_);
+  // The CCD reads its pixels as the encoder asks for them, a host pixel block at a time.
+  runs_ = frame_runs();
+  size_t count = 0;
+  for (const Run &r : runs_) count += size_t(r.count);
+  run_ = run_done_ = 0;
+  encoder_.start([this](uint32_t *out, size_t n) { read_runs(out, n); }, count, format,
+                 stream_fault);
+  encoder_.next(&words_, &block_ends_);
   sent_ = released_ = next_block_ = 0;
+  frame_base_ = 0;
   frame_started_ = now;
   frame_open_ = true;
 }
 
+void CameraServer::read_runs(uint32_t *out, size_t n) {
+  const int bx = std::max(state_.xbin, 1), by = std::max(state_.ybin, 1);
+  while (n > 0) {
+    const Run &r = runs_[run_];
+    const size_t piece = std::min(n, size_t(r.count) - run_done_);
+    ccd_.read_row(r.x + int(run_done_) * bx, r.y, int(piece), bx, by, out);
+    out += piece;
+    n -= piece;
+    run_done_ += piece;
+    if (run_done_ == size_t(r.count)) {
+      ++run_;
+      run_done_ = 0;
+    }
+  }
+}
+
 bool CameraServer::stream_next(WORD &item) {
   if (!streaming_) return false;
+  // Words already released go out without a look at the clock, which costs more than a word.
+  if (frame_open_ && sent_ < released_) {
+    item = words_[sent_++];
+    return true;
+  }
   const DWORD now = time_centiseconds();
   if (!frame_open_) {
     if (static_cast<int32_t>(now - frame_at_) < 0) return false;
     begin_frame();
   }
-  // Blocks go out whole: in real time each when its last pixel has been read.
-  while (next_block_ < block_ends_.size() &&
-         (words_per_cs_ == 0 ||
-          static_cast<double>(block_ends_[next_block_]) <= (now - frame_started_) * words_per_cs_))
-    released_ = block_ends_[next_block_++];
-  if (sent_ < released_) {
-    item = words_[sent_++];
-    return true;
+  for (;;) {
+    // Blocks go out whole: in real time each when its last pixel has been read.
+    while (next_block_ < block_ends_.size() &&
+           (words_per_cs_ == 0 || static_cast<double>(frame_base_ + block_ends_[next_block_]) <=
+                                      (now - frame_started_) * words_per_cs_))
+      released_ = block_ends_[next_block_++];
+    if (sent_ < released_) {
+      item = words_[sent_++];
+      return true;
+    }
+    if (sent_ < words_.size() || next_block_ < block_ends_.size()) return false;
+    // This pixel block's words are out: the next one's, while the frame has more.
+    frame_base_ += words_.size();
+    if (!encoder_.next(&words_, &block_ends_)) break;
+    sent_ = released_ = next_block_ = 0;
   }
-  if (sent_ < words_.size() || next_block_ < block_ends_.size()) return false;
   // The frame is out.
   frame_open_ = false;
   ++state_.frames_sent;

@@ -63,6 +63,7 @@ class CameraServer : public ControllerProgram {
   CameraServer();
   void receive(WORD item) override;
   bool next_output(WORD &item) override;
+  size_t next_outputs(WORD *items, size_t most) override;
   int take_speed_change() override;
 
   const CameraState &state() const { return state_; }
@@ -104,7 +105,12 @@ class CameraServer : public ControllerProgram {
   void start_stream(const Packet &request, bool sequence);
   void begin_frame();
   bool stream_next(WORD &item);
-  std::vector<uint32_t> frame_pixels();
+  struct Run {
+    int x, y, count;
+  };
+  std::vector<Run> frame_runs();
+  // The next `n` pixels of the frame's runs.
+  void read_runs(uint32_t *out, size_t n);
   int data_mode() const;
 
   CameraState state_;
@@ -116,8 +122,14 @@ class CameraServer : public ControllerProgram {
   DWORD frame_at_ = 0;       // when the next frame's stream starts
   DWORD frame_started_ = 0;  // when the current one started
   double words_per_cs_ = 0;  // the pixel rate in real time; 0: at once
+  // The frame being sent: its runs and how far they are read, and the words of the pixel block
+  // on its way, which begin `frame_base_` words into the frame.
+  std::vector<Run> runs_;
+  size_t run_ = 0, run_done_ = 0;
+  FrameEncoder encoder_;
   std::vector<uint16_t> words_;
   std::vector<size_t> block_ends_;
+  size_t frame_base_ = 0;
   size_t sent_ = 0, released_ = 0, next_block_ = 0;
   bool frame_open_ = false;
   DWORD charge_since_ = 0;  // the last flush or read

@@ -6,7 +6,6 @@ namespace tvx::sim {
 
 namespace {
 
-constexpr WORD kDataOffset = 0;
 constexpr WORD kStatusOffset = 2;
 constexpr WORD kControlOffset = 4;
 constexpr WORD kFloating = 0xFFFF;
@@ -30,15 +29,16 @@ Card::Card() : distant_(settings().controller_speed) {
   powered_ = !settings().power_off;
 }
 
-WORD Card::read(WORD offset) {
+WORD Card::read_register(WORD offset) {
   if (settings().card_absent) return kFloating;
   switch (offset) {
-    case kDataOffset:
-      step();
+    case kDataRegister:
+      // The link refills the FIFO behind the host's reads; a status read shows it refilled, and
+      // so does a data read that finds it empty, which is all the host can tell.
+      if (rx_.empty()) step();
       if (!rx_.empty()) {
         last_read_ = rx_.front();
         rx_.pop();
-        step();
       }
       // An empty FIFO shows its last word again.
       return last_read_;
@@ -54,7 +54,7 @@ WORD Card::read(WORD offset) {
 void Card::write(WORD offset, WORD value) {
   if (settings().card_absent) return;
   switch (offset) {
-    case kDataOffset:
+    case kDataRegister:
       // A FIFO in reset, or full, loses what is written to it.
       if ((control_ & bits::kFifoReset) != 0) tx_.push(value);
       step();
@@ -152,13 +152,13 @@ void Card::run_loader() {
   fail_local();
 }
 
-bool Card::crosses() {
-  // Ends at different speeds do not understand each other: the item is lost.
-  if (speed_of(control_) != distant_.speed()) return false;
+size_t Card::crossing(size_t count) {
+  // Ends at different speeds do not understand each other: every item is lost.
+  if (speed_of(control_) != distant_.speed()) return 0;
   const long limit = settings().drop_after;
-  if (limit > 0 && crossed_ >= limit) return false;
-  ++crossed_;
-  return true;
+  if (limit > 0) count = std::min(count, size_t(std::max(limit - crossed_, 0L)));
+  crossed_ += long(count);
+  return count;
 }
 
 void Card::relay() {
@@ -167,11 +167,16 @@ void Card::relay() {
   while (!tx_.empty() && distant_.accepts()) {
     const WORD item = tx_.front();
     tx_.pop();
-    if (crosses()) distant_.receive(item);
+    if (crossing(1) == 1) distant_.receive(item);
   }
-  WORD item = 0;
-  while (!rx_.full() && distant_.next_output(item))
-    if (crosses()) rx_.push(item);
+  // What the controller has to send comes over in runs as long as the FIFO has room for.
+  std::array<WORD, kReceiveDepth> run;
+  while (!rx_.full()) {
+    const size_t n = distant_.next_outputs(run.data(), kReceiveDepth - rx_.size());
+    if (n == 0) return;
+    // The words lost on the way are the last ones: the link stops carrying after its limit.
+    rx_.push(run.data(), crossing(n));
+  }
 }
 
 void Card::step() {

@@ -14,6 +14,7 @@
 //   0x20 transmit FIFO not empty 0x40 transmit half full, active low   0x80 full, active low
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -57,6 +58,14 @@ class Fifo {
     items_[(head_ + count_++) % Depth] = w;
     return true;
   }
+  // Pushes `n` items, as many as there is room for.
+  void push(const WORD *w, size_t n) {
+    n = std::min(n, Depth - count_);
+    const size_t tail = (head_ + count_) % Depth, first = std::min(n, Depth - tail);
+    std::copy_n(w, first, items_.begin() + long(tail));
+    std::copy_n(w + first, n - first, items_.begin());
+    count_ += n;
+  }
   WORD front() const { return items_[head_]; }
   WORD at(size_t i) const { return items_[(head_ + i) % Depth]; }
   void pop() {
@@ -80,7 +89,16 @@ class Card {
 
   Card();
 
-  WORD read(WORD offset);
+  // A readout takes every pixel through the data register: that read is made here, where the
+  // port bus's call can take it without a call of its own.
+  WORD read(WORD offset) {
+    if (offset == kDataRegister && !rx_.empty() && !settings().card_absent) {
+      last_read_ = rx_.front();
+      rx_.pop();
+      return last_read_;
+    }
+    return read_register(offset);
+  }
   void write(WORD offset, WORD value);
 
   WORD control() const { return control_; }
@@ -98,12 +116,15 @@ class Card {
   void reconfigure(const Settings &before);
 
  private:
+  static constexpr WORD kDataRegister = 0;
+  WORD read_register(WORD offset);
   WORD status();
   void set_control(WORD value);
   void step();
   void run_loader();
   void relay();
-  bool crosses();
+  // How many of `count` items in a row get across the link; the rest are lost.
+  size_t crossing(size_t count);
   void fail_local();
 
   WORD control_ = 0;  // at power-up both transputers and the FIFOs are held in reset

@@ -3,6 +3,7 @@
 // towards the controller and ask it for items to send back while the link has room.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -18,6 +19,12 @@ class ControllerProgram {
   virtual void receive(WORD item) = 0;
   // Gives the next item for the host, or false when there is nothing to send now.
   virtual bool next_output(WORD &item) = 0;
+  // Up to `most` items for the host, as next_output gives them one by one; returns how many.
+  virtual size_t next_outputs(WORD *items, size_t most) {
+    size_t n = 0;
+    while (n < most && next_output(items[n])) ++n;
+    return n;
+  }
   // A link speed in Mbit/s the program has just switched its end of the link to; 0 for none.
   virtual int take_speed_change() { return 0; }
 };

@@ -50,9 +50,9 @@ void Distant::receive(WORD item) {
   boot_.shrink_to_fit();
 }
 
-bool Distant::next_output(WORD &item) {
-  if (state_ != State::running) return false;
-  return controller_->next_output(item);
+size_t Distant::next_outputs(WORD *items, size_t most) {
+  if (state_ != State::running) return 0;
+  return controller_->next_outputs(items, most);
 }
 
 }  // namespace tvx::sim

@@ -27,7 +27,8 @@ class Distant {
   // leaves the link unacknowledged.
   bool accepts() const { return state_ == State::awaiting_boot || state_ == State::running; }
   void receive(WORD item);
-  bool next_output(WORD &item);
+  // Up to `most` items for the host; returns how many.
+  size_t next_outputs(WORD *items, size_t most);
 
   State state() const { return state_; }
   bool error() const { return error_; }

@@ -72,32 +72,65 @@ bool scene_kind_of(const char *name, SceneKind *kind) {
   return false;
 }
 
-const std::vector<float> &scene_flux(const SceneSettings &s, int width, int height) {
-  static std::vector<float> map;
-  static SceneKind kind = SceneKind::dark;
-  static uint32_t seed = 0;
-  static int w = -1, h = -1;
-  if (s.kind == kind && s.seed == seed && width == w && height == h) return map;
-  kind = s.kind;
-  seed = s.seed;
-  w = width;
-  h = height;
-  map.assign(static_cast<size_t>(width) * static_cast<size_t>(height), 0.0f);
-  if (s.kind == SceneKind::flat) std::fill(map.begin(), map.end(), float(kFlat));
-  if (s.kind != SceneKind::starfield) return map;
-  std::fill(map.begin(), map.end(), float(kSky));
-  for (const Star &star : stars(s.seed, width, height)) {
+void SceneFlux::prepare(const SceneSettings &s, int width, int height) {
+  width = std::max(width, 0);
+  height = std::max(height, 0);
+  if (s.kind == kind_ && s.seed == seed_ && width == width_ && height == height_) return;
+  kind_ = s.kind;
+  seed_ = s.seed;
+  width_ = width;
+  height_ = height;
+  level_ = s.kind == SceneKind::flat        ? float(kFlat)
+           : s.kind == SceneKind::starfield ? float(kSky)
+                                            : 0;
+  profiles_.clear();
+  strokes_.clear();
+  first_.assign(size_t(height_) + 1, 0);
+  if (s.kind != SceneKind::starfield) return;
+  // Each star's box: its profile along the row kept once, its rows' brightnesses for later.
+  struct Box {
+    int x0, count, y0;
+    uint32_t profile;
+    std::vector<float> down;
+  };
+  std::vector<Box> boxes;
+  for (const Star &star : stars(s.seed, width_, height_)) {
     const double w2 = star.width * star.width, reach = 5.0 * star.width;
-    for (int y = std::max(0, int(star.y - reach)); y < std::min(height, int(star.y + reach) + 1);
-         ++y)
-      for (int x = std::max(0, int(star.x - reach)); x < std::min(width, int(star.x + reach) + 1);
-           ++x) {
-        const double dx = x + 0.5 - star.x, dy = y + 0.5 - star.y;
-        map[size_t(y) * size_t(width) + size_t(x)] +=
-            float(star.flux / (2.0 * M_PI * w2) * std::exp(-(dx * dx + dy * dy) / (2.0 * w2)));
-      }
+    const int x0 = std::max(0, int(star.x - reach)), x1 = std::min(width_, int(star.x + reach) + 1);
+    const int y0 = std::max(0, int(star.y - reach)),
+              y1 = std::min(height_, int(star.y + reach) + 1);
+    if (x1 <= x0 || y1 <= y0) continue;
+    const double peak = star.flux / (2.0 * M_PI * w2);
+    auto gauss = [w2](int i, double centre) {
+      const double d = i + 0.5 - centre;
+      return std::exp(-d * d / (2.0 * w2));
+    };
+    Box box{x0, x1 - x0, y0, uint32_t(profiles_.size()), {}};
+    for (int x = x0; x < x1; ++x) profiles_.push_back(float(gauss(x, star.x)));
+    for (int y = y0; y < y1; ++y) {
+      box.down.push_back(float(peak * gauss(y, star.y)));
+      ++first_[size_t(y) + 1];
+    }
+    boxes.push_back(std::move(box));
   }
-  return map;
+  for (size_t y = 1; y < first_.size(); ++y) first_[y] += first_[y - 1];
+  strokes_.resize(first_.back());
+  std::vector<uint32_t> filled(first_.begin(), first_.end() - 1);
+  for (const Box &box : boxes)
+    for (size_t j = 0; j < box.down.size(); ++j)
+      strokes_[filled[size_t(box.y0) + j]++] = {box.x0, box.count, box.profile, box.down[j]};
+}
+
+void SceneFlux::row(int y, float *out) const {
+  const bool on_chip = y >= 0 && y < height_;
+  std::fill(out, out + width_, on_chip ? level_ : 0.0f);
+  if (!on_chip) return;
+  for (uint32_t k = first_[size_t(y)]; k < first_[size_t(y) + 1]; ++k) {
+    const Stroke &s = strokes_[k];
+    const float *profile = profiles_.data() + s.profile;
+    float *to = out + s.x0;
+    for (int i = 0; i < s.count; ++i) to[i] += s.scale * profile[i];
+  }
 }
 
 }  // namespace tvx::sim

@@ -34,8 +34,34 @@ inline uint16_t coordinate_second(uint16_t first) {
   return static_cast<uint16_t>(~first);
 }
 
-// Photons per second on each unbinned pixel of a chip `width` x `height`, row by row; made once
-// for a scene, seed and chip and kept.
-const std::vector<float> &scene_flux(const SceneSettings &s, int width, int height);
+// Photons per second on the unbinned pixels of a chip, made a row at a time as the readout asks
+// for it: a frame of a large chip is not worth a whole map of them in memory.
+class SceneFlux {
+ public:
+  // For a scene and a chip `width` x `height`. The stars of a seed and chip are placed once.
+  void prepare(const SceneSettings &s, int width, int height);
+  // Row y's pixels 0 .. width - 1 into `out`; a row off the chip sees nothing.
+  void row(int y, float *out) const;
+  // What every pixel of the chip sees, and most see alone: the sky, or the flat field.
+  float level() const { return level_; }
+
+ private:
+  // A star's light on one row: on `count` pixels from x0, the star's profile along the row
+  // (profiles_ from `profile`) times its brightness on this row. A round Gaussian is the product
+  // of one profile along the row and one down the column.
+  struct Stroke {
+    int x0, count;
+    uint32_t profile;
+    float scale;
+  };
+  float level_ = 0;  // on every pixel: the sky, or the flat field
+  SceneKind kind_ = SceneKind::dark;
+  uint32_t seed_ = 0;
+  int width_ = -1, height_ = -1;
+  std::vector<float> profiles_;
+  // The strokes of row y: first_[y] .. first_[y + 1] - 1, side by side as the rows are read.
+  std::vector<uint32_t> first_;
+  std::vector<Stroke> strokes_;
+};
 
 }  // namespace tvx::sim

@@ -16,7 +16,11 @@ struct Settings {
   long drop_after = 0;         // items that cross the link before every later one is lost; 0 = none
 };
 
-const Settings &settings();
+// The settings in force; read on every port access of the card, so reached without a call.
+extern Settings current_settings;
+inline const Settings &settings() {
+  return current_settings;
+}
 // Applies new settings to every card, on the bus or not, at once: the controller's end takes the
 // new speed, a camera switched back on comes up waiting for its boot, and the count of words
 // that have crossed the link starts again.

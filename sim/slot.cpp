@@ -29,8 +29,6 @@ std::map<WORD, Slot> &slots() {
   return all;
 }
 
-Settings current;
-
 ControllerFactory &factory() {
   static ControllerFactory f;
   return f;
@@ -55,13 +53,11 @@ class QuietProgram : public ControllerProgram {
 
 }  // namespace
 
-const Settings &settings() {
-  return current;
-}
+Settings current_settings;
 
 void configure(const Settings &next) {
-  const Settings before = current;
-  current = next;
+  const Settings before = current_settings;
+  current_settings = next;
   for (auto &[base, slot] : slots()) slot.card->reconfigure(before);
 }
 
@@ -69,7 +65,7 @@ void reset_all() {
   for (auto &[base, slot] : slots())
     if (slot.plugs > 0) port_detach(base);
   slots().clear();
-  current = Settings{};
+  current_settings = Settings{};
   reset_camera_faults();
 }
 

@@ -63,17 +63,26 @@ bool Histogram::build(HANDLE image, HANDLE region, const char *routine, bool six
                 long{rect.width}, long{rect.height});
   levels_ = size == 2 ? 65536 : 256;
   offset_ = img->is_signed ? levels_ / 2 : 0;
-  counts_ = static_cast<DWORD *>(standard_allocate(levels_, sizeof(DWORD), MEM_PLAIN));
+  // Neighbouring pixels of a picture mostly share a few levels, and counting one level twice in a
+  // row waits for the first count: alternate pixels go to two tallies, the second of them in the
+  // upper half of the allocation, added to the first at the end.
+  counts_ = static_cast<DWORD *>(standard_allocate(levels_ * 2, sizeof(DWORD), MEM_PLAIN));
   if (counts_ == nullptr) return false;
+  DWORD *other = counts_ + levels_;
   RowCursor rows(img.rec(), img.blocks(), routine);
   bool is_signed = img->is_signed != 0;
   for (INT32 i = 0; i < rect.height; ++i) {
     const BYTE *p = rows.row(rect.y + i);
     if (p == nullptr) return false;
     p += static_cast<size_t>(rect.x) * size;
-    for (INT32 c = 0; c < rect.width; ++c, p += size)
+    INT32 c = 0;
+    for (; c + 1 < rect.width; c += 2, p += 2 * size) {
       ++counts_[tvx::image::load_pixel(p, size, is_signed) + offset_];
+      ++other[tvx::image::load_pixel(p + size, size, is_signed) + offset_];
+    }
+    if (c < rect.width) ++counts_[tvx::image::load_pixel(p, size, is_signed) + offset_];
   }
+  for (INT32 level = 0; level < levels_; ++level) counts_[level] += other[level];
   area_ = static_cast<double>(rect.width) * rect.height;
   return true;
 }

@@ -2,6 +2,7 @@
 // binned chip; rows with the same layout of painted runs share one group of entries, so the
 // sequence grows with the number of distinct row layouts, not with the number of rows.
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "foundation/fail.h"
@@ -36,17 +37,43 @@ struct Run {
   bool painted;
 };
 
+// Where the run of pixels equal to pixel `start` ends, for pixels of type T.
+template <typename T>
+INT32 run_end(const BYTE *row, INT32 start, INT32 width) {
+  T first, next;
+  std::memcpy(&first, row + static_cast<size_t>(start) * sizeof(T), sizeof(T));
+  INT32 c = start + 1;
+  for (; c < width; ++c) {
+    std::memcpy(&next, row + static_cast<size_t>(c) * sizeof(T), sizeof(T));
+    if (next != first) break;
+  }
+  return c;
+}
+
 std::vector<Run> runs_of(const BYTE *row, INT32 width, INT32 pixel_size) {
   std::vector<Run> runs;
-  INT32 start = 0;
-  long long value = width > 0 ? tvx::image::load_pixel(row, pixel_size, false) : 0;
-  for (INT32 c = 1; c <= width; ++c) {
-    const long long next =
-        c < width ? tvx::image::load_pixel(row + c * pixel_size, pixel_size, false) : -1;
-    if (c < width && next == value) continue;
-    runs.push_back({start, c - start, value != 0});
-    start = c;
-    value = next;
+  for (INT32 start = 0, end = 0; start < width; start = end) {
+    switch (pixel_size) {
+      case 1:
+        end = run_end<uint8_t>(row, start, width);
+        break;
+      case 2:
+        end = run_end<uint16_t>(row, start, width);
+        break;
+      case 4:
+        end = run_end<uint32_t>(row, start, width);
+        break;
+      default: {
+        const auto size = static_cast<size_t>(pixel_size);
+        const BYTE *first = row + static_cast<size_t>(start) * size;
+        end = start + 1;
+        while (end < width && std::memcmp(row + static_cast<size_t>(end) * size, first, size) == 0)
+          ++end;
+        break;
+      }
+    }
+    const BYTE *first = row + static_cast<size_t>(start) * static_cast<size_t>(pixel_size);
+    runs.push_back({start, end - start, tvx::image::load_pixel(first, pixel_size, false) != 0});
   }
   return runs;
 }

@@ -1,6 +1,7 @@
 // Unscrambling: a read-sequence readout arrives as one stream of the regions' pixels in the order
 // the controller read them. Replaying the sequence puts each pixel back at its place in the
 // shadow image of the binned chip, from which the regions are then cut.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -35,6 +36,20 @@ bool words_of(HANDLE sequence, std::vector<DWORD> *words) {
   return !tvx::error_pending();
 }
 
+// Copies `count` pixels of the scramble image from pixel k on to `to`, run by run: the pixels
+// of one block lie side by side, so a run is cut only where a block ends.
+void copy_run(const tvx::image::AllRows &from, const image_rec &rec, INT32 k, INT32 count,
+              INT32 size, BYTE *to) {
+  while (count > 0) {
+    const INT32 in_block = rec.rasters_per_block - k % rec.rasters_per_block;
+    const INT32 n = std::min(count, in_block);
+    std::memcpy(to, from.row(k), static_cast<size_t>(n) * static_cast<size_t>(size));
+    to += static_cast<size_t>(n) * static_cast<size_t>(size);
+    k += n;
+    count -= n;
+  }
+}
+
 bool replay(HANDLE scramble, HANDLE sequence, HANDLE shadow, const char *routine) {
   std::vector<DWORD> words;
   if (!words_of(sequence, &words)) return false;
@@ -42,9 +57,16 @@ bool replay(HANDLE scramble, HANDLE sequence, HANDLE shadow, const char *routine
   if (!source.ok()) return false;
   tvx::image::AllRows pixels(source.rec(), source.blocks(), routine);
   if (!pixels.ok()) return false;
+  tvx::image::Image target(shadow, routine);
+  if (!target.ok()) return false;
+  // The shadow's rows are reached through its blocks, each locked once while rows of it are
+  // written, rather than through a raster lock per run.
+  tvx::image::RowCursor rows(target.rec(), target.blocks(), routine);
   const INT32 size = tvx::image::pixel_size_of(source->depth);
   const INT32 available = source->width * source->height;
-  INT32 row = -1, column = 0, k = 0;
+  const INT32 height = target->height, row_bytes = target->raster_size;
+  INT32 row = -1, k = 0;
+  long long column = 0;
   for (size_t at = 0; at < words.size(); ++at) {
     size_t first = at, length = 1;
     DWORD times = 1;
@@ -69,18 +91,20 @@ bool replay(HANDLE scramble, HANDLE sequence, HANDLE shadow, const char *routine
             break;
           case RDSEQ_READ: {
             if (value == 0) break;
-            if (k + value > available)
+            if (k > available - value)
               return fail(ERR_OUT_OF_RANGE, 0, routine, {kCauseMissing},
                           "ccd read sequence invalid");
-            auto *to = static_cast<BYTE *>(image_lockraster(shadow, row));
+            if (row < 0 || row >= height) {
+              image_lockraster(shadow, row);  // a row off the shadow fails as its lock does
+              return false;
+            }
+            BYTE *to = rows.row(row);
             if (to == nullptr) return false;
-            INT32 width = 0, height = 0, depth = 0;
-            image_size(shadow, &width, &height, &depth);
             // A read past the row's end would run into the next raster: clip what is copied.
-            for (INT32 i = 0; i < value; ++i, ++k)
-              if (column + i < width)
-                std::memcpy(to + (column + i) * size, pixels.row(k), size_t(size));
-            image_unlockraster(shadow, row);
+            const long long room = row_bytes / size - column;
+            const auto fits = static_cast<INT32>(std::clamp<long long>(room, 0, value));
+            if (fits > 0) copy_run(pixels, source.rec(), k, fits, size, to + column * size);
+            k += value;
             column += value;
             break;
           }

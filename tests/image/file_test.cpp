@@ -132,7 +132,8 @@ TEST_F(Files, RefusalsNameTheirReasonAndLeaveTheImageAsItWas) {
 }
 
 TEST_F(Files, NativeFilesRoundTripBitIdentical) {
-  std::vector<std::array<INT32, 3>> cases{{1000, 300, 16}, {2000, 70, 32}};  // many blocks
+  // Many blocks; and rasters of one block each, more blocks than one system call writes.
+  std::vector<std::array<INT32, 3>> cases{{1000, 300, 16}, {2000, 70, 32}, {16400, 257, 16}};
   for (INT32 depth = 1; depth <= 32; ++depth)
     if (bytes_per_pixel(depth) != 3) cases.push_back({37, 29, depth});
   for (auto [width, height, depth] : cases) {

@@ -73,6 +73,38 @@ TEST_F(Sequences, TheReplayPutsEveryPixelBackAndRefusesUnknownCodes) {
   server_delete(server);
 }
 
+// Runs are copied whole: one that crosses from one scramble block into the next, one that runs
+// past the shadow's row end (the rest is dropped, the stream still counted), and a row off the
+// shadow, which fails as its raster lock does.
+TEST_F(Sequences, TheReplayCopiesRunsAcrossBlocksAndClipsThem) {
+  constexpr INT32 kWidth = 30000, kPixels = 60016;  // a scramble block holds 32732 pixels
+  HANDLE server = server_allocate(), sequence = list_new();
+  HANDLE shadow = image_new(kWidth, 3, 16), scramble = image_new(1, kPixels, 16);
+  for (INT32 k = 0; k < kPixels; ++k) {
+    *static_cast<WORD *>(image_lockraster(scramble, k)) = static_cast<WORD>(k * 7);
+    image_unlockraster(scramble, k);
+  }
+  // Row 0: skip 5, read 29995; row 1: read 30005, of which 5 fall off the row; row 2: read 15.
+  // One pixel is left for a read on a fourth row, which the shadow does not have.
+  for (DWORD w : {e(1, 0), e(5, 1), e(kWidth - 5, 2), e(1, 0), e(kWidth + 5, 2), e(1, 0), e(15, 2)})
+    list_append_tail(sequence, reinterpret_cast<HANDLE>(uintptr_t{w}));
+  ASSERT_TRUE(server_scramble_to_shadow(server, scramble, sequence, shadow)) << story();
+  int wrong = 0;
+  for (INT32 c = 5; c < kWidth; ++c) wrong += pixel_at(shadow, c, 0) != WORD((c - 5) * 7);
+  for (INT32 c = 0; c < kWidth; ++c) wrong += pixel_at(shadow, c, 1) != WORD((kWidth - 5 + c) * 7);
+  for (INT32 c = 0; c < 15; ++c) wrong += pixel_at(shadow, c, 2) != WORD((2 * kWidth + c) * 7);
+  EXPECT_EQ(wrong, 0);
+  EXPECT_EQ(pixel_at(shadow, 15, 2), 0u) << "past the last run";
+  list_append_tail(sequence, reinterpret_cast<HANDLE>(uintptr_t{e(1, 0)}));
+  list_append_tail(sequence, reinterpret_cast<HANDLE>(uintptr_t{e(1, 2)}));
+  EXPECT_FALSE(server_scramble_to_shadow(server, scramble, sequence, shadow));
+  EXPECT_NE(whole_story().find("requested raster (3) off image (height is 3)."), std::string::npos);
+  image_delete(scramble);
+  image_delete(shadow);
+  list_delete(sequence, nullptr);
+  server_delete(server);
+}
+
 class Acquisition : public ReadoutTest {};
 
 TEST_F(Acquisition, RegionsAreFittedToTheBinningGrid) {

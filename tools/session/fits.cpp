@@ -4,7 +4,11 @@
 #include "fits.h"
 
 #include <fitsio.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -35,12 +39,33 @@ struct FitsFile {
   }
 };
 
-// The memory a file is made in, grown by cfitsio through realloc.
-struct Memory {
+constexpr size_t kRecord = 2880;  // FITS files are made of records of this many bytes
+
+// The memory a file is made in, which cfitsio grows with realloc. It is kept for the next file,
+// which is most often the same size: fresh memory costs a fault on every page. cfitsio takes
+// whatever lies beyond the HDU it has just written for the next one, so what the last file left
+// there is cleared first, as fresh memory would be.
+struct MemoryFile {
   void *data = nullptr;
   size_t size = 0;
-  ~Memory() { std::free(data); }
+  size_t used = 0;  // bytes of the last file; SIZE_MAX while one is made
+  ~MemoryFile() { std::free(data); }
 };
+thread_local MemoryFile memory;
+
+// Fresh memory costs a fault on each page when first written; asked for a whole range at once,
+// the kernel maps it for a third of that. Where the kernel cannot, the faults come as before.
+void prefault(void *start, size_t size) {
+#ifdef MADV_POPULATE_WRITE
+  const auto page = uintptr_t(sysconf(_SC_PAGESIZE));
+  const uintptr_t from = (uintptr_t(start) + page - 1) / page * page;
+  const uintptr_t to = (uintptr_t(start) + size) / page * page;
+  if (to > from) madvise(reinterpret_cast<void *>(from), to - from, MADV_POPULATE_WRITE);
+#else
+  (void)start;
+  (void)size;
+#endif
+}
 
 // The image type by pixel size and sign: unsigned types are stored as signed with BZERO, which
 // cfitsio writes for USHORT_IMG and ULONG_IMG. 3-byte pixels widen to 32 bits; two channels are
@@ -51,8 +76,34 @@ int bitpix_of(const Shape &s, int channels) {
   return s.is_signed ? LONG_IMG : ULONG_IMG;
 }
 
+// cfitsio's type for rasters of this pixel size and sign as they lie in the image, or 0 where
+// they must be widened first (3-byte pixels).
+int datatype_of(const Shape &s) {
+  switch (s.bytes) {
+    case 1:
+      return s.is_signed ? TSBYTE : TBYTE;
+    case 2:
+      return s.is_signed ? TSHORT : TUSHORT;
+    case 4:
+      return s.is_signed ? TINT : TUINT;
+    default:
+      return 0;
+  }
+}
+
 void write_pixels(fitsfile *f, const Plane &p, const Shape &s) {
   int status = 0;
+  const int datatype = p.channels == 1 ? datatype_of(s) : 0;
+  if (datatype != 0) {
+    // cfitsio takes the raster as it is, offset by BZERO for unsigned pixels.
+    for_each_row(p.image, [&](int r, const BYTE *raster) {
+      if (status == 0)
+        fits_write_img(f, datatype, LONGLONG(r) * s.width + 1, s.width, const_cast<BYTE *>(raster),
+                       &status);
+    });
+    fits_check(status, "(memory)", "pixels");
+    return;
+  }
   std::vector<long long> row(size_t(s.width));
   std::vector<double> values(size_t(s.width));
   // Plane k of a two-channel cube holds channel k + 1: the upper word first.
@@ -188,16 +239,27 @@ Plane &Picture::adopt(HANDLE image) {
   return planes.back();
 }
 
-std::vector<char> fits_bytes(const std::vector<Plane> &planes, const std::vector<Card> &shared,
-                             const std::vector<std::vector<Card>> &cards) {
+std::span<const char> fits_bytes(const std::vector<Plane> &planes, const std::vector<Card> &shared,
+                                 const std::vector<std::vector<Card>> &cards) {
   if (planes.empty()) throw Failure{"no image to write"};
-  Memory memory;
-  memory.size = 2880;
-  memory.data = std::malloc(memory.size);
-  if (memory.data == nullptr) throw Failure{"no memory for a FITS file"};
+  // The whole file is asked for at once: cfitsio would grow it a few records at a time.
+  size_t wanted = 0;
+  for (const Plane &p : planes) {
+    const Shape s = shape_of(p.image);
+    wanted += kRecord * 4 + size_t(s.width) * size_t(s.height) * size_t(s.bytes == 3 ? 4 : s.bytes);
+  }
+  if (memory.data != nullptr) std::memset(memory.data, 0, std::min(memory.used, memory.size));
+  if (memory.size < wanted) {
+    void *more = std::realloc(memory.data, wanted);
+    if (more == nullptr) throw Failure{"no memory for a FITS file"};
+    prefault(static_cast<char *>(more) + memory.size, wanted - memory.size);
+    memory.data = more;
+    memory.size = wanted;
+  }
+  memory.used = SIZE_MAX;  // until the file is whole, any of it may be written
   FitsFile file;
   int status = 0;
-  fits_create_memfile(&file.f, &memory.data, &memory.size, 2880 * 64, std::realloc, &status);
+  fits_create_memfile(&file.f, &memory.data, &memory.size, kRecord * 16, std::realloc, &status);
   fits_check(status, "(memory)", "creating");
   if (planes.size() > 1) {
     // An empty primary HDU says what all the regions share; each region is an extension.
@@ -225,11 +287,11 @@ std::vector<char> fits_bytes(const std::vector<Plane> &planes, const std::vector
   fits_close_file(file.f, &status);
   file.f = nullptr;
   fits_check(status, "(memory)", "closing");
-  const char *bytes = static_cast<const char *>(memory.data);
-  return std::vector<char>(bytes, bytes + end);
+  memory.used = size_t(end);
+  return {static_cast<const char *>(memory.data), memory.used};
 }
 
-std::vector<char> fits_bytes(const std::vector<Plane> &planes, const Exposure *exposure,
+std::span<const char> fits_bytes(const std::vector<Plane> &planes, const Exposure *exposure,
                              const std::string &creator) {
   std::vector<std::vector<Card>> cards;
   for (const Plane &p : planes) cards.push_back(header_cards(p, exposure, creator));
@@ -238,7 +300,7 @@ std::vector<char> fits_bytes(const std::vector<Plane> &planes, const Exposure *e
 
 void write_fits(const std::string &path, const std::vector<Plane> &planes, const Exposure *exposure,
                 const std::string &creator, bool overwrite) {
-  const std::vector<char> bytes = fits_bytes(planes, exposure, creator);
+  const std::span<const char> bytes = fits_bytes(planes, exposure, creator);
   write_whole(path, overwrite, bytes.data(), bytes.size());
 }
 

@@ -3,6 +3,7 @@
 // two-channel pixels as a cube of one 16-bit plane per channel.
 #pragma once
 
+#include <span>
 #include <string>
 #include <vector>
 
@@ -14,13 +15,14 @@ namespace session {
 // The bytes of a FITS file holding `planes`: one image in the primary HDU, several as image
 // extensions after an empty primary HDU that carries `shared` and NREGIONS; `cards[i]` are
 // plane i's keywords. A plane of two channels becomes a cube of two 16-bit planes, channel 1
-// first. Throws Failure with cfitsio's message.
-std::vector<char> fits_bytes(const std::vector<Plane> &planes, const std::vector<Card> &shared,
-                             const std::vector<std::vector<Card>> &cards);
+// first. Throws Failure with cfitsio's message. The bytes lie in memory this thread keeps for
+// its FITS files: they last until the next file is made on the same thread.
+std::span<const char> fits_bytes(const std::vector<Plane> &planes, const std::vector<Card> &shared,
+                                 const std::vector<std::vector<Card>> &cards);
 // The same with the keywords `header_cards` makes: `exposure` may be null (a converted file
 // knows nothing of its exposure); `creator` names the program for CREATOR.
-std::vector<char> fits_bytes(const std::vector<Plane> &planes, const Exposure *exposure,
-                             const std::string &creator);
+std::span<const char> fits_bytes(const std::vector<Plane> &planes, const Exposure *exposure,
+                                 const std::string &creator);
 
 // Writes those bytes to `path` whole (writing.h), replacing it only when `overwrite`.
 void write_fits(const std::string &path, const std::vector<Plane> &planes, const Exposure *exposure,

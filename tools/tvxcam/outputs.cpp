@@ -84,12 +84,12 @@ long highest_number(const std::vector<std::string> &outputs) {
 }
 
 Writing write_targets(const std::vector<Target> &targets, const std::vector<Plane> &planes,
-                      const std::function<std::vector<char>()> &fits, const Acquisition &a) {
+                      const std::function<std::span<const char>()> &fits, const Acquisition &a) {
   Writing w;
   for (const Target &t : targets) {
     try {
       if (t.format == Format::fits) {
-        const std::vector<char> bytes = fits();
+        const std::span<const char> bytes = fits();
         write_whole(t.path, a.overwrite, bytes.data(), bytes.size());
         std::string what = "FITS";
         if (planes.size() > 1) what += ", " + std::to_string(planes.size()) + " extensions";

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <functional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -52,6 +53,6 @@ long highest_number(const std::vector<std::string> &outputs);
 
 // Writes `planes` to every target; `fits` makes the bytes of the FITS file.
 Writing write_targets(const std::vector<Target> &targets, const std::vector<Plane> &planes,
-                      const std::function<std::vector<char>()> &fits, const Acquisition &a);
+                      const std::function<std::span<const char>()> &fits, const Acquisition &a);
 
 }  // namespace tvxcam
