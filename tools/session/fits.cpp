@@ -55,6 +55,8 @@ void write_pixels(fitsfile *f, HANDLE image, const Shape &s, const std::string &
   fits_check(status, path, "pixels");
 }
 
+}  // namespace
+
 void write_cards(fitsfile *f, const std::vector<Card> &cards, const std::string &path) {
   int status = 0;
   for (const Card &c : cards) {
@@ -71,8 +73,6 @@ void write_cards(fitsfile *f, const std::vector<Card> &cards, const std::string 
   }
   fits_check(status, path, "keywords");
 }
-
-}  // namespace
 
 void write_fits(const std::string &path, const std::vector<Plane> &planes, const Exposure *exposure,
                 const std::string &creator) {

@@ -100,6 +100,8 @@ struct RegionList {
   }
 };
 
+}  // namespace
+
 std::string utc_now() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
@@ -110,6 +112,8 @@ std::string utc_now() {
                 t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, now.tv_nsec / 1000000);
   return text;
 }
+
+namespace {
 
 fs::path absolute(const std::string &path) {
   std::error_code ec;
@@ -288,6 +292,19 @@ void Session::start_cooling() {
   // The command carries no temperature; the set point is passed only as the call asks for one.
   const double kelvin = cooler_set_point().value_or(0.0) + kKelvinAtZeroCelsius;
   check(server_set_ccd_temp(server_, kelvin), "switching the cooler on");
+}
+
+void Session::set_gain(int pixel_rate, int sensitivity) {
+  check(camera_set_gain(camera_, pixel_rate, sensitivity), "setting the gain");
+  chip_.pixel_rate = pixel_rate;
+  chip_.sensitivity = sensitivity;
+}
+
+void Session::set_scene(const std::string &scene) {
+  if (!simulated_) throw Failure{"the camera on " + hw_ + " is not simulated: it has no scene"};
+  Setup g;
+  g.scene = scene;
+  apply_simulator(g);
 }
 
 void Session::wait_ms(long ms) {

@@ -64,6 +64,9 @@ inline void check(BOOL ok, const std::string &what) {
 // The whole error stack with its possible causes, then cleared.
 std::string error_story();
 
+// Now, in UTC to the millisecond: "2026-11-21T18:04:29.565".
+std::string utc_now();
+
 // One image of a picture: the region it holds and where on the chip it starts (unbinned).
 struct Plane {
   HANDLE image = nullptr;  // owned by the picture
@@ -146,6 +149,11 @@ class Session {
   std::optional<double> cooler_set_point() const;
   // Switches the cooler on: the controller cools the chip to its own set point.
   void start_cooling();
+  // Reads out at another row of the gain table from now on.
+  void set_gain(int pixel_rate, int sensitivity);
+  // Points the simulated camera at another scene (a name of the SIMULATOR section's scenes).
+  // Throws Failure for a camera that is not simulated.
+  void set_scene(const std::string &scene);
   // Waits `ms` on the library's clock, so that a virtual clock jumps rather than sleeps.
   void wait_ms(long ms);
 
