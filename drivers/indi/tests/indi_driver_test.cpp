@@ -10,7 +10,6 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 
-#include <cmath>
 #include <cstring>
 #include <optional>
 
@@ -154,8 +153,8 @@ class Driver : public ::testing::Test {
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     port_ = std::to_string(free_port());
     // The driver's settings go to a home of the test's own; under the sanitizers its reports
-    // go to files here, where the test finds them after the driver has stopped.
-    // libindi's own leaks are left to libindi.
+    // go to files here, where the test finds them after the driver has stopped, and libindi's
+    // own leaks are left to libindi.
     for (char **e = environ; *e != nullptr; ++e)
       if (std::strncmp(*e, "HOME=", 5) != 0 && std::strncmp(*e, "ASAN_OPTIONS=", 13) != 0 &&
           std::strncmp(*e, "LSAN_OPTIONS=", 13) != 0)
