@@ -10,6 +10,7 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 
+#include <cmath>  // for tvxcam_support.h
 #include <cstring>
 #include <optional>
 
