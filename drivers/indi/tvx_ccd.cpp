@@ -166,6 +166,7 @@ bool TvxCcd::initProperties() {
 
 void TvxCcd::ISGetProperties(const char *dev) {
   INDI::CCD::ISGetProperties(dev);
+  if (dev != nullptr && std::strcmp(dev, getDeviceName()) != 0) return;
   // Which camera to bring up is known before connecting.
   defineProperty(definitions_);
   defineProperty(scene_);
