@@ -15,6 +15,8 @@ CMAKE_ARGS ?=
 TOOLS    = cmake:cmake ninja:ninja-build g++:g++ gcc:gcc clang-format:clang-format nm:binutils \
            pkg-config:pkg-config fitsverify:fitsverify
 PACKAGES = libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libcfitsio-dev libpng-dev
+# The INDI driver (built when libindi is found) and indiserver with its clients for its tests.
+PACKAGES += libindi-dev indi-bin
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 

@@ -370,6 +370,7 @@ void CameraServer::act(const Packet &p) {
     case 20:
       ++s.flushes;
       charge_since_ = time_centiseconds();
+      gather_light(charge_since_);
       light_seconds_ = 0;
       break;
     case 21:
@@ -393,9 +394,12 @@ void CameraServer::act(const Packet &p) {
       return;
     }
     case 24:
+      // A program may time an exposure itself: open the shutter, wait, close it.
+      gather_light(time_centiseconds());
       s.shutter_open = false;
       break;
     case 25:
+      if (!s.shutter_open) shutter_opened_ = time_centiseconds();
       s.shutter_open = true;
       break;
     case 26:
@@ -621,6 +625,12 @@ double CameraServer::chip_kelvin(DWORD now) const {
          cooler_drift * elapsed / kMinute;
 }
 
+void CameraServer::gather_light(DWORD now) {
+  if (!state_.shutter_open) return;
+  light_seconds_ += static_cast<double>(now - shutter_opened_) / 100.0;
+  shutter_opened_ = now;
+}
+
 void CameraServer::drive(size_t channel, int16_t hundredths) {
   state_.voltages[channel] = hundredths;
   state_.voltage_set[channel] = true;
@@ -766,6 +776,7 @@ void CameraServer::begin_frame() {
   const double integration = s.integration_tenths > 0 ? s.integration_tenths / 10.0 : 20.0;
   chip.electrons_per_level = kBitWeight * kTimeConstants[s.time_constant_code & 3] /
                              ((kFetSwitch + integration) * kFetGain * kGains[s.pgain_code & 1]);
+  gather_light(now);
   Charge charge;
   charge.light_seconds = light_seconds_;
   if (s.shuffle_ms > 0 && frames_left_ > 1) charge.light_seconds += s.shuffle_ms / 1000.0;

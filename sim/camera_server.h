@@ -100,6 +100,8 @@ class CameraServer : public ControllerProgram {
   // The chip's temperature at a moment: ambient until the cooler is set, then closing on its
   // target.
   double chip_kelvin(DWORD now) const;
+  // Adds the light that came through a shutter opened by command, up to `now`.
+  void gather_light(DWORD now);
 
   // The readout: frames streamed one after another, then the completion.
   void start_stream(const Packet &request, bool sequence);
@@ -134,6 +136,7 @@ class CameraServer : public ControllerProgram {
   bool frame_open_ = false;
   DWORD charge_since_ = 0;  // the last flush or read
   double light_seconds_ = 0;
+  DWORD shutter_opened_ = 0;     // light gathered through the open shutter up to here
   double cooler_from_ = 293.15;  // kelvin when the cooler was last set
   DWORD cooler_since_ = 0;
   std::vector<std::string> installed_;

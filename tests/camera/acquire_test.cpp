@@ -116,4 +116,23 @@ TEST_F(Acquire, FlushesAndFramesSeries) {
       << "the link recovers: " << whole_story();
 }
 
+// A program may time an exposure itself: a shutter it opens and closes gathers the light of the
+// controller's own exposure of that length, and a shutter left closed gathers none.
+TEST_F(Acquire, AShutterOpenedByCommandGathersLight) {
+  ASSERT_TRUE(tvx_test_simulator_scene(TVX_SCENE_FLAT, 1, FALSE));
+  const auto mean_after = [&](const std::function<bool()> &expose) {
+    EXPECT_TRUE(camera_flush_ccd(camera_, 1) && expose()) << whole_story();
+    image_stats st{};
+    EXPECT_TRUE(image_histogram_stats(read(0), nullptr, &st, FALSE)) << whole_story();
+    return st.mean;
+  };
+  const double timed = mean_after([&] { return camera_expose_ccd(camera_, 5000) != FALSE; });
+  const double by_hand = mean_after([&] {
+    return camera_open_shutter(camera_) && delay_centiseconds(500) && camera_close_shutter(camera_);
+  });
+  const double closed = mean_after([&] { return delay_centiseconds(500) != FALSE; });
+  EXPECT_GT(timed - closed, 100);
+  EXPECT_NEAR(by_hand, timed, 0.02 * (timed - closed));
+}
+
 }  // namespace

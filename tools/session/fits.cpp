@@ -123,7 +123,9 @@ void write_pixels(fitsfile *f, const Plane &p, const Shape &s) {
   fits_check(status, "(memory)", "pixels");
 }
 
-void write_cards(fitsfile *f, const std::vector<Card> &cards) {
+}  // namespace
+
+void write_cards(fitsfile *f, const std::vector<Card> &cards, const std::string &path) {
   int status = 0;
   for (const Card &c : cards) {
     char *comment = const_cast<char *>(c.comment.c_str());
@@ -139,8 +141,10 @@ void write_cards(fitsfile *f, const std::vector<Card> &cards) {
       fits_update_key_dbl(f, key, std::get<double>(c.value), c.decimals, comment, &status);
     }
   }
-  fits_check(status, "(memory)", "keywords");
+  fits_check(status, path, "keywords");
 }
+
+namespace {
 
 // The keywords of the current HDU that the header knows.
 std::vector<Card> known_cards(fitsfile *f, const std::string &path) {
@@ -267,7 +271,7 @@ std::span<const char> fits_bytes(const std::vector<Plane> &planes, const std::ve
     fits_check(status, "(memory)", "primary header");
     std::vector<Card> primary = shared;
     primary.push_back({"NREGIONS", long(planes.size()), "regions read, one extension each"});
-    write_cards(file.f, primary);
+    write_cards(file.f, primary, "(memory)");
     fits_write_chksum(file.f, &status);
   }
   LONGLONG end = 0;
@@ -277,7 +281,7 @@ std::span<const char> fits_bytes(const std::vector<Plane> &planes, const std::ve
     long axes[3] = {s.width, s.height, 2};
     fits_create_img(file.f, bitpix_of(s, p.channels), p.channels == 2 ? 3 : 2, axes, &status);
     fits_check(status, "(memory)", "image header");
-    if (i < cards.size()) write_cards(file.f, cards[i]);
+    if (i < cards.size()) write_cards(file.f, cards[i], "(memory)");
     write_pixels(file.f, p, s);
     fits_write_chksum(file.f, &status);
     LONGLONG header = 0, data = 0;

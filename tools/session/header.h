@@ -2,6 +2,8 @@
 // the INDI driver's keywords and the Python frame's header are all made, so the three agree.
 #pragma once
 
+#include <fitsio.h>
+
 #include <string>
 #include <variant>
 #include <vector>
@@ -34,6 +36,9 @@ std::vector<Card> header_cards(const Plane &plane, const Exposure *exposure,
 // to eight capitals, digits, "-" and "_"), the file's structure needs it, or the header writes
 // it from what it knows. Empty when it may.
 std::string reserved_keyword(const std::string &key);
+// Writes `cards` into the current header of `f`, replacing keywords already there (fits.cpp).
+// Throws Failure naming `path`.
+void write_cards(fitsfile *f, const std::vector<Card> &cards, const std::string &path);
 
 // The name of the program and library that write a file, for CREATOR: "tvx 0.1.0.0".
 std::string default_creator();

@@ -125,6 +125,16 @@ std::string utc_text(const timespec &start, DWORD centiseconds = 0) {
   return text;
 }
 
+}  // namespace
+
+std::string utc_now() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return utc_text(now);
+}
+
+namespace {
+
 fs::path absolute(const std::string &path) {
   std::error_code ec;
   fs::path p = fs::absolute(path, ec);
@@ -349,6 +359,19 @@ CoolingReading Session::cool_down(const CoolingWait &w,
     }
     wait_ms(static_cast<long>(w.poll_s * 1000));
   }
+}
+
+void Session::set_gain(int pixel_rate, int sensitivity) {
+  check(camera_set_gain(camera_, pixel_rate, sensitivity), "setting the gain");
+  chip_.pixel_rate = pixel_rate;
+  chip_.sensitivity = sensitivity;
+}
+
+void Session::set_scene(const std::string &scene) {
+  if (!simulated_) throw Failure{"the camera on " + hw_ + " is not simulated: it has no scene"};
+  Setup g;
+  g.scene = scene;
+  apply_simulator(g);
 }
 
 void Session::wait_ms(long ms) {

@@ -101,6 +101,9 @@ std::string error_story();
 // The same, with the lines of the definition text told as lines of `definition_files`.
 std::string error_story(const std::vector<std::string> &definition_files);
 
+// Now, in UTC to the millisecond: "2026-11-21T18:04:29.565".
+std::string utc_now();
+
 // One image of a picture: the region it holds and where on the chip it starts (unbinned).
 struct Plane {
   HANDLE image = nullptr;  // owned by the picture
@@ -207,6 +210,11 @@ class Session {
   // text says where the chip is and where it is heading), Aborted when cancelled.
   CoolingReading cool_down(const CoolingWait &wait,
                            const std::function<void(const CoolingReading &)> &each);
+  // Reads out at another row of the gain table from now on.
+  void set_gain(int pixel_rate, int sensitivity);
+  // Points the simulated camera at another scene (a name of the SIMULATOR section's scenes).
+  // Throws Failure for a camera that is not simulated.
+  void set_scene(const std::string &scene);
   // Waits `ms` on the library's clock, so that a virtual clock jumps rather than sleeps.
   void wait_ms(long ms);
 
