@@ -46,6 +46,11 @@ class LibraryThread {
     return true;
   }
 
+  bool busy() {
+    std::lock_guard lock(mutex_);
+    return running_ || !queue_.empty();
+  }
+
   // Waits up to `slice` for the job; true when it is done.
   bool wait(Job *job, std::chrono::milliseconds slice) {
     std::unique_lock lock(mutex_);
@@ -63,7 +68,7 @@ class LibraryThread {
         wake_.wait(lock, [this] { return !queue_.empty(); });
         job = queue_.front();
         queue_.pop_front();
-        job->started = true;
+        job->started = running_ = true;
       }
       try {
         (*job->work)();
@@ -73,6 +78,7 @@ class LibraryThread {
       {
         std::lock_guard lock(mutex_);
         job->done = true;
+        running_ = false;
       }
       done_.notify_all();
     }
@@ -81,6 +87,7 @@ class LibraryThread {
   std::mutex mutex_;
   std::condition_variable wake_, done_;
   std::deque<Job *> queue_;
+  bool running_ = false;
   std::thread thread_;
 };
 
@@ -143,6 +150,10 @@ void run_on_library(const std::function<void()> &work) {
     throw py::error_already_set();
   }
   if (job.thrown) std::rethrow_exception(job.thrown);
+}
+
+bool library_busy() {
+  return LibraryThread::get().busy();
 }
 
 Raised take_failure(const std::string &doing) {

@@ -45,6 +45,9 @@ void register_error_translator();
 // comes back here; it must not touch Python objects.
 void run_on_library(const std::function<void()> &work);
 
+// Whether a call is under way or waiting on the library's thread.
+bool library_busy();
+
 // The error stack's records and story, then the stack cleared: what a failed call leaves behind.
 Raised take_failure(const std::string &doing);
 

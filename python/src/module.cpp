@@ -248,6 +248,7 @@ PYBIND11_MODULE(_tvx, m) {
 
   // For the package's own tests.
   m.def("_abort_pending", [] { return tvx_abort_pending() != FALSE; });
+  m.def("_library_busy", &library_busy);
   m.def("_use_real_clock", [] { call([] { tvx_test_clock_real(); }); });
   m.def("_cooler_drift",
         [](double kelvin_per_minute) { call([&] { tvx_test_cooler_drift(kelvin_per_minute); }); });

@@ -289,8 +289,8 @@ class Camera:
         keeps the shutter closed) and reads out the whole chip, or the regions (x, y, width,
         height) in unbinned pixels.
 
-        Returns a Frame for the whole chip, or Frames, one for each region. ``binning`` applies
-        to this exposure only; without it, the camera's binning.
+        Returns a Frame for the whole chip, or Frames, one for each region. ``binning`` sets the
+        camera's binning first, as setting ``binning`` does.
         """
         shot = self._shot(exposure, binning, regions, dark, preflush)
         return self._take(*shot)
@@ -301,7 +301,9 @@ class Camera:
         (a Frame, or Frames with regions), flushing ``preflush`` times before each."""
         count = _whole(count, "count", 1)
         delay_ms = round(_seconds(delay, "delay") * 1000)
-        shot = self._shot(exposure, binning, regions, dark, preflush)
+        return self._series(count, delay_ms, self._shot(exposure, binning, regions, dark, preflush))
+
+    def _series(self, count, delay_ms, shot):
         for n in range(count):
             yield self._take(*shot)
             if n + 1 < count and delay_ms > 0:

@@ -27,9 +27,10 @@ def read_image(path) -> np.ndarray:
 def write_image(path, array, depth=None) -> None:
     """Writes a two-dimensional integer array in the native format.
 
-    ``depth`` is the pixels' depth in bits (default: the array's element size); 12-bit data in a
-    ``uint16`` array is written with ``depth=12``, and 17 to 24 bits in a 32-bit array take 3 bytes
-    a pixel. Every value must fit the depth.
+    ``depth`` is the pixels' depth in bits (default: the array's element size): 12-bit data in a
+    ``uint16`` array is written with ``depth=12``. Every value must fit the depth, and the depth
+    must need the array's element size: the reader tells a file's pixel size from its length, and
+    knows pixels of 1, 2 and 4 bytes only.
     """
     path = os.fspath(path)
     if not isinstance(array, np.ndarray):
@@ -44,7 +45,7 @@ def write_image(path, array, depth=None) -> None:
         depth = bits
     if isinstance(depth, bool) or not isinstance(depth, (int, np.integer)):
         raise TypeError("depth must be a whole number of bits")
-    if not bits - 7 <= depth <= bits and not (bits == 32 and 17 <= depth):
+    if not bits - 7 <= depth <= bits:
         raise ValueError(f"a depth of {depth} bits does not suit {array.dtype} pixels")
     if not (1 <= width <= _MAX_SIDE and 1 <= height <= _MAX_SIDE):
         raise ValueError(f"an image file holds 1 to {_MAX_SIDE} pixels a side, not {array.shape}")
