@@ -15,6 +15,9 @@ CMAKE_ARGS ?=
 TOOLS    = cmake:cmake ninja:ninja-build g++:g++ gcc:gcc clang-format:clang-format nm:binutils \
            pkg-config:pkg-config fitsverify:fitsverify
 PACKAGES = libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libcfitsio-dev libpng-dev
+# The Python package: its build, its pytest suite, and the venv that pip installs it into.
+PACKAGES += python3-dev pybind11-dev python3-setuptools python3-venv python3-numpy \
+            python3-astropy python3-pytest python3-photutils python3-ccdproc
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
