@@ -42,20 +42,6 @@ py::tuple frame_to_python(Frame &&f) {
   return py::make_tuple(to_numpy(std::move(f.pixels)), std::move(f.info));
 }
 
-const char *layout_name(Layout layout) {
-  switch (layout) {
-    case Layout::unsigned16:
-      return "unsigned16";
-    case Layout::two_channel:
-      return "two_channel";
-    case Layout::widened32:
-      return "widened32";
-    case Layout::stored:
-      break;
-  }
-  return "stored";
-}
-
 // The header's cards as (key, value, comment, decimals).
 py::list cards_of(const FrameInfo &f, const std::string &creator) {
   py::list out;
@@ -85,18 +71,15 @@ void write_fits(const std::string &path, const std::vector<std::pair<py::array, 
   });
 }
 
-py::tuple read_image(const std::string &path) {
-  int depth = 0;
-  Pixels pixels = call([&] {
+py::array read_image(const std::string &path) {
+  return to_numpy(call([&] {
     OwnedImage image;
     image.image = image_new(1, 1, 16);
     session::check(image.image != nullptr, "making an image");
     session::check(image_read(image.image, path.c_str()), "reading '" + path + "'");
     const session::Shape s = session::shape_of(image.image);
-    depth = s.depth;
     return copy_out(image.image, ImageKind{s.depth, s.is_signed, Layout::stored});
-  });
-  return py::make_tuple(to_numpy(std::move(pixels)), depth);
+  }));
 }
 
 void write_image(const std::string &path, const py::array &array, int depth) {
@@ -140,9 +123,8 @@ PYBIND11_MODULE(_tvx, m) {
                                if (!f.x0 || !f.y0) return std::nullopt;
                                return std::make_pair(*f.x0, *f.y0);
                              })
-      .def_property_readonly("depth", [](const FrameInfo &f) { return f.kind.depth; })
-      .def_property_readonly("layout",
-                             [](const FrameInfo &f) { return layout_name(f.kind.layout); })
+      .def_property_readonly(
+          "two_channel", [](const FrameInfo &f) { return f.kind.layout == Layout::two_channel; })
       .def("cards", &cards_of, py::arg("creator"));
 
   py::class_<GainRow>(m, "GainRow")

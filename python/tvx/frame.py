@@ -102,7 +102,7 @@ class Frame(np.ndarray):
 
     @property
     def two_channel(self) -> bool:
-        return self._info.layout == "two_channel"
+        return self._info.two_channel
 
     # ---- Astropy and FITS ----------------------------------------------------------------------
 

@@ -20,8 +20,7 @@ def read_image(path) -> np.ndarray:
     path = os.fspath(path)
     if not os.path.isfile(path):
         raise FileNotFoundError(f"no image file {path!r}")
-    array, _depth = _tvx.read_image(path)
-    return array
+    return _tvx.read_image(path)
 
 
 def write_image(path, array, depth=None) -> None:
