@@ -17,6 +17,9 @@ TOOLS    = cmake:cmake ninja:ninja-build g++:g++ gcc:gcc clang-format:clang-form
 PACKAGES = libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libcfitsio-dev libpng-dev
 # The INDI driver (built when libindi is found) and indiserver with its clients for its tests.
 PACKAGES += libindi-dev indi-bin
+# The Python package: its build, its pytest suite, and the venv that pip installs it into.
+PACKAGES += python3-dev pybind11-dev python3-setuptools python3-venv python3-numpy \
+            python3-astropy python3-pytest python3-photutils python3-ccdproc
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 

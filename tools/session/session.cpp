@@ -201,7 +201,7 @@ void Session::start(const Setup &g) {
 }
 
 void Session::open_server(const Setup &g) {
-  const std::string shipped = shipped_data_dir();
+  const std::string shipped = g.data_dir.empty() ? shipped_data_dir() : g.data_dir;
   if ((g.hw.empty() || g.ccd.empty()) && shipped.empty())
     throw Failure{
         "cannot find the simulated camera's files (7100hw.def): set TVX_DATA_DIR to their "
@@ -310,12 +310,13 @@ double Session::ccd_celsius(double *second) {
 }
 
 void Session::describe(Exposure *e) {
-  check(camera_get_electrons_per_level(camera_, chip_.pixel_rate, chip_.sensitivity,
-                                       &e->electrons_per_level),
+  // The gain setting the camera holds now: a program may have changed it since the start.
+  INT32 rate = 0, sensitivity = 0;
+  check(camera_get_gain_settings(camera_, &rate, &sensitivity) &&
+            camera_get_electrons_per_level(camera_, rate, sensitivity, &e->electrons_per_level),
         "reading the gain");
   for (const GainRow &g : defs_.gains)
-    if (g.pixel_rate == chip_.pixel_rate && g.sensitivity == chip_.sensitivity)
-      e->readout_mode = g.comment;
+    if (g.pixel_rate == rate && g.sensitivity == sensitivity) e->readout_mode = g.comment;
   e->detector = chip_.type;
   e->serial_no = chip_.serial_no;
   e->instrument = simulated_ ? "7100 controller (simulated)" : "7100 controller";

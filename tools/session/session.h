@@ -40,6 +40,9 @@ struct Aborted {
 struct Setup {
   std::string hw;   // hardware definition file; empty: the shipped simulated camera's
   std::string ccd;  // CCD definition file; empty: the shipped small chip
+  // Where the shipped simulated camera's files lie, when the program carries its own copy (the
+  // Python package does); empty: shipped_data_dir().
+  std::string data_dir;
   std::string scene;
   std::optional<long> seed;
   bool realtime = false;
