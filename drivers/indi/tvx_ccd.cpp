@@ -566,10 +566,8 @@ void TvxCcd::addFITSKeywords(INDI::CCDChip *chip) {
   INDI::CCD::addFITSKeywords(chip);
   fitsfile *f = *chip->fitsFilePointer();
   int status = 0;
-  // Rows go out in the library's raster order, as tvxcam writes them; that order says nothing
-  // of up and down on the sky.
-  fits_delete_key(f, "ROWORDER", &status);
-  status = 0;
+  // The camera's cards replace the INDI library's where both write one: rows go out in the
+  // library's raster order, as tvxcam writes them, and ROWORDER says so.
   try {
     session::write_cards(f, cards_, "the frame's FITS file");
   } catch (const session::Failure &e) {

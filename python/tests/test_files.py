@@ -11,7 +11,7 @@ from astropy.io import fits
 import tvx
 
 # Keywords that differ between two files of the same picture: when, and who wrote them.
-OWN = {"DATE-OBS", "CREATOR", "CHECKSUM", "DATASUM"}
+OWN = {"DATE-OBS", "DATE-END", "CREATOR", "CHECKSUM", "DATASUM"}
 
 
 def snap_with_tvxcam(build_dir, path, *regions):

@@ -296,7 +296,7 @@ std::span<const char> fits_bytes(const std::vector<Plane> &planes, const std::ve
 }
 
 std::span<const char> fits_bytes(const std::vector<Plane> &planes, const Exposure *exposure,
-                             const std::string &creator) {
+                                 const std::string &creator) {
   std::vector<std::vector<Card>> cards;
   for (const Plane &p : planes) cards.push_back(header_cards(p, exposure, creator));
   return fits_bytes(planes, header_cards(Plane{}, exposure, creator), cards);
