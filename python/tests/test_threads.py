@@ -42,10 +42,13 @@ def interrupted(call):
     return False
 
 
-def test_ctrl_c_during_an_exposure_leaves_the_camera_ready(camera):
+def test_ctrl_c_ends_an_exposure_at_once_and_leaves_the_camera_ready(camera):
     cam = camera(scene="coordinates")
     tvx._tvx._use_real_clock()
-    assert interrupted(lambda: cam.expose(REAL_SECONDS, preflush=0))
+    start = time.monotonic()
+    assert interrupted(lambda: cam.expose(600, preflush=0))
+    # The library's wait gives up on the abort: ten minutes of exposure end within seconds.
+    assert time.monotonic() - start < 10
     assert not tvx._tvx._abort_pending()
     frame = cam.expose(0, preflush=0)
     np.testing.assert_array_equal(frame, coordinates((0, 0), (64, 80), (1, 1)))
