@@ -1,12 +1,13 @@
 // The library's thread, its queue of calls, and the waiting Python thread's side of it.
 #include "library_thread.h"
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <thread>
+
+#include "errors.h"
 
 namespace py = pybind11;
 
@@ -157,26 +158,19 @@ bool library_busy() {
 }
 
 Raised take_failure(const std::string &doing) {
-  Raised out;
-  out.doing = doing;
-  err_stack stack = nullptr;
-  err_where_is(&stack);
-  for (const err_record *r = *stack; r != nullptr && r->category != ERR_NONE; r = r->next) {
-    ErrorRecord record;
-    record.category = r->category;
-    record.code = r->code;
-    for (const err_trace *t = r->trace; t != nullptr; t = t->next) {
-      ErrorEntry e{t->routine, std::nullopt};
-      if (t->text != nullptr) e.text = t->text;
-      record.trace.push_back(std::move(e));
-    }
-    // The stack keeps the newest entry first; the fault itself is the oldest.
-    std::reverse(record.trace.begin(), record.trace.end());
-    for (const err_cause *c = r->causes; c != nullptr; c = c->next)
-      record.causes.emplace_back(c->cause, cause_message(c->cause));
+  // The session reads the stack as tvxcam and the INDI driver do; Python says None for no text.
+  const session::ErrorReport report = session::take_errors();
+  Raised out{doing, session::story_of(report), {}};
+  const auto entry = [](const std::string &routine, const std::string &text) {
+    return ErrorEntry{routine, text.empty() ? std::nullopt : std::optional<std::string>(text)};
+  };
+  for (const session::ErrorRecord &r : report.records) {
+    ErrorRecord record{r.category, r.code, {}, {}};
+    if (!r.routine.empty()) record.trace.push_back(entry(r.routine, r.text));
+    for (const session::ErrorStep &s : r.passed) record.trace.push_back(entry(s.routine, s.text));
+    for (const session::ErrorCause &c : r.causes) record.causes.emplace_back(c.code, c.text);
     out.records.push_back(std::move(record));
   }
-  out.story = session::error_story();
   return out;
 }
 
